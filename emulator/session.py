@@ -1,0 +1,160 @@
+"""One session of the device: what it finds when it boots, what it does, and what it leaves.
+
+A device folder holds device.json and disk.img; root/, files of its root file system; persist/, its
+persist.* properties; boot/, what the last session's machine saw as /host; and the last session's
+log, stdout, console and result.json."""
+
+import json
+import os
+import shlex
+import shutil
+import time
+
+import initramfs
+import machine
+import service
+
+HARDWARE = "virt"
+FSTAB = f"/fstab.{HARDWARE}"
+FSTAB_LINE = "{links}/userdata /data {fs} noatime,nosuid,nodev wait,check,encryptable=footer\n"
+COMMAND_LINE = f"androidboot.hardware={HARDWARE} androidboot.qorramdump=1"
+PROPERTIES = {"ro.crypto.state": "unencrypted"}
+MOUNT_OPTIONS = "noatime,nosuid,nodev"
+READ_TIMEOUT = 120  # seconds
+
+
+class SessionError(Exception):
+    """The session ended early on the device; the message is the device's reason."""
+
+
+def write_file(path, content):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as stream:
+        stream.write(content)
+
+
+def make_root(device, fs, links, files, with_fstab):
+    """Fills a new device's root/ with its fstab and files: path on the device -> host file."""
+    root = os.path.join(device, "root")
+    os.makedirs(root, exist_ok=True)
+    if with_fstab:
+        write_file(root + FSTAB, FSTAB_LINE.format(links=links, fs=fs).encode())
+    for path, source in files.items():
+        write_file(os.path.join(root, path.lstrip("/")), initramfs.read_file(source))
+        shutil.copymode(source, os.path.join(root, path.lstrip("/")))
+
+
+def folder_files(folder):
+    """Relative path -> host path of each file below the folder."""
+    return {os.path.relpath(os.path.join(parent, name), folder): os.path.join(parent, name)
+            for parent, _, names in os.walk(folder) for name in names}
+
+
+def start(device, description, script, additions, disk, timeout):
+    """Boots the device for one session.
+
+    script: what it does, in terms of init's functions. additions: files of its root besides those
+    of root/, path on the device -> host path or bytes. disk: machine.disk_options()."""
+    shared = os.path.join(device, "boot")
+    shutil.rmtree(shared, ignore_errors=True)
+    os.makedirs(shared)
+    script = f"link_partitions {description['links']}\n{script}"
+    initrd = os.path.join(shared, "initrd")
+    initramfs.make(initrd, description["fs"], {**folder_files(os.path.join(device, "root")),
+                                               **additions, "emulator/session": script.encode()})
+    tree = {name: bytes.fromhex(value) for name, value in description["device_tree"].items()}
+    try:
+        machine.run(shared, description["cmdline"], disk, tree, timeout)
+    finally:
+        os.remove(initrd)
+    reason = initramfs.read_file(os.path.join(shared, "finished")).decode().strip()
+    if reason:
+        raise SessionError(f"on the device: {reason}")
+
+
+def service_script(description, runs, options):
+    """The session of a boot. runs: the argument lists of the tool's runs."""
+    lines = ["fill_properties", f"mount_data {description['fs']} {MOUNT_OPTIONS}"]
+    lines += [f"make_directory {path} {mode:o}" for path, mode in service.DIRECTORIES]
+    lines += ["script before"] if options.before else []
+    lines += [shlex.join(["run", str(number), str(options.uid), *shlex.split(options.wrap),
+                          service.TOOL, *arguments]) for number, arguments in enumerate(runs, 1)]
+    lines += ["script after"] if options.after else []
+    lines += ["list_properties /host/properties"]
+    return "\n".join(lines) + "\n"
+
+
+def parse_properties(path):
+    lines = initramfs.read_file(path).decode(errors="replace").splitlines()
+    return dict(line.split("=", 1) for line in lines)
+
+
+def run_result(folder, arguments):
+    def word(name):
+        return initramfs.read_file(os.path.join(folder, name)).decode().split()
+    start_time, end_time = word("uptime")
+    return {"arguments": arguments, "status": int(word("status")[0]),
+            "rss_kib": int(word("rss")[-1]),
+            "seconds": round(float(end_time) - float(start_time), 2),
+            "properties": parse_properties(os.path.join(folder, "properties"))}
+
+
+def collect_output(device):
+    """Joins the runs' output, of an unfinished session too, into the folder's log and stdout."""
+    shared = os.path.join(device, "boot")
+    runs = sorted((name for name in os.listdir(shared) if name.isdigit()), key=int)
+    for output in ("log", "stdout"):
+        paths = [os.path.join(shared, run, output) for run in runs]
+        write_file(os.path.join(device, output),
+                   b"".join(initramfs.read_file(path) for path in paths if os.path.exists(path)))
+    if os.path.exists(os.path.join(shared, "console")):
+        shutil.copy(os.path.join(shared, "console"), os.path.join(device, "console"))
+
+
+def boot(device, description, options):
+    """Boots the device as the boot command's options say and returns the tool's exit status: with
+    several runs the first that is not 0."""
+    runs = [shlex.split(line) for line in options.run]
+    if options.arguments or not (runs or options.no_run):
+        runs.append(options.arguments or service.ARGUMENTS)
+    persistent = os.path.join(device, "persist")
+    properties = {**description["properties"],
+                  **{key: initramfs.read_file(path).decode()
+                     for key, path in folder_files(persistent).items()}, **dict(options.prop)}
+    additions = {path: source for path, source in options.file}
+    additions |= {f"emulator/properties/{key}": value.encode() for key, value in properties.items()}
+    for script in ("before", "after"):
+        if getattr(options, script):
+            additions[f"emulator/{script}"] = getattr(options, script)
+    if runs:
+        additions[service.TOOL] = options.tool
+    start_time = time.monotonic()
+    try:
+        start(device, description, service_script(description, runs, options), additions,
+              machine.disk_options(os.path.join(device, "disk.img"), options.log_writes,
+                                   options.blkdebug), options.timeout)
+    finally:
+        seconds = round(time.monotonic() - start_time, 2)
+        collect_output(device)
+    shared = os.path.join(device, "boot")
+    results = [run_result(os.path.join(shared, str(number)), arguments)
+               for number, arguments in enumerate(runs, 1)]
+    properties = parse_properties(os.path.join(shared, "properties"))
+    for key, value in properties.items():
+        if key.startswith("persist."):
+            write_file(os.path.join(persistent, key), value.encode())
+    status = next((result["status"] for result in results if result["status"] != 0), 0)
+    result = {"status": status, "runs": results, "properties": properties, "seconds": seconds}
+    write_file(os.path.join(device, "result.json"), json.dumps(result, indent=1).encode())
+    return status
+
+
+def read(device, description, paths, kind):
+    """Has the device send files of userdata, and changes nothing on its disk.
+
+    kind: "archive" for a tar of the paths, "list" for a line each. Returns the host path of it."""
+    script = (f"mount_data {description['fs']} ro\n"
+              + shlex.join([f"send_{kind}", *paths]) + "\n")
+    start(device, description, script, {},
+          machine.disk_options(os.path.join(device, "disk.img"), snapshot=True), READ_TIMEOUT)
+    return os.path.join(device, "boot", kind)
