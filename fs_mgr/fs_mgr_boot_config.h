@@ -1,6 +1,6 @@
 // What the boot loader passed to the system, and the boot slot's suffix for the fstab.
-#ifndef FS_MGR_FS_MGR_BOOT_CONFIG_H
-#define FS_MGR_FS_MGR_BOOT_CONFIG_H
+#ifndef TARNIX_FS_MGR_BOOT_CONFIG_H
+#define TARNIX_FS_MGR_BOOT_CONFIG_H
 
 #include <string>
 
@@ -28,4 +28,4 @@ bool is_dt_compatible();
 // when there is such an entry and no suffix: entries before the failing one keep theirs.
 bool fs_mgr_update_for_slotselect(struct fstab *table);
 
-#endif  // FS_MGR_FS_MGR_BOOT_CONFIG_H
+#endif  // TARNIX_FS_MGR_BOOT_CONFIG_H

@@ -1,6 +1,6 @@
 // The comma-separated option columns of an fstab line. Internal to this folder.
-#ifndef FS_MGR_FS_MGR_FLAGS_H
-#define FS_MGR_FS_MGR_FLAGS_H
+#ifndef TARNIX_FS_MGR_FLAGS_H
+#define TARNIX_FS_MGR_FLAGS_H
 
 #include <stddef.h>
 #include <stdint.h>
@@ -91,4 +91,4 @@ int32_t parse_flags(char *options, const struct flag_list *table, struct fs_mgr_
 // the full product overflows 64 bits.
 uint32_t zram_percentage(uint32_t percent, uint64_t pages, uint64_t page_size);
 
-#endif  // FS_MGR_FS_MGR_FLAGS_H
+#endif  // TARNIX_FS_MGR_FLAGS_H

@@ -1,6 +1,6 @@
 // The device's file-system table (fstab): a text file read into records.
-#ifndef FS_MGR_FS_MGR_FSTAB_H
-#define FS_MGR_FS_MGR_FSTAB_H
+#ifndef TARNIX_FS_MGR_FSTAB_H
+#define TARNIX_FS_MGR_FSTAB_H
 
 #include <stdint.h>
 
@@ -50,4 +50,4 @@ void fs_mgr_free_fstab(struct fstab *table);
 // The bits of encryptable=, forceencrypt= and forcefdeorfbe= that the entry has; 0 for none.
 int32_t fs_mgr_is_encryptable(const struct fstab_rec *rec);
 
-#endif  // FS_MGR_FS_MGR_FSTAB_H
+#endif  // TARNIX_FS_MGR_FSTAB_H
