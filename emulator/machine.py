@@ -6,7 +6,7 @@ import subprocess
 from initramfs import CACHE
 
 KERNEL = os.path.join(CACHE, "kernel/Image")
-MACHINE = ["-M", "virt,gic-version=2", "-cpu", "cortex-a57", "-smp", "1", "-m", "256"]
+MACHINE = ["-M", "virt,gic-version=2", "-cpu", "cortex-a57", "-smp", "1", "-m", "512"]
 COMMAND_LINE = "console=ttyAMA0 quiet panic=-1"
 
 

@@ -90,11 +90,12 @@ def parse_properties(path):
 
 
 def run_result(folder, arguments):
-    def word(name):
+    def words(name):
         return initramfs.read_file(os.path.join(folder, name)).decode().split()
-    start_time, end_time = word("uptime")
-    return {"arguments": arguments, "status": int(word("status")[0]),
-            "rss_kib": int(word("rss")[-1]),
+    start_time, end_time = words("uptime")
+    return {"arguments": arguments, "status": int(words("status")[0]),
+            # busybox takes the kernel's KiB for pages of 4 KiB.
+            "rss_kib": int(words("rss")[-1]) // 4,
             "seconds": round(float(end_time) - float(start_time), 2),
             "properties": parse_properties(os.path.join(folder, "properties"))}
 
@@ -149,12 +150,18 @@ def boot(device, description, options):
     return status
 
 
-def read(device, description, paths, kind):
-    """Has the device send files of userdata, and changes nothing on its disk.
+def read(device, description, paths, with_content):
+    """Has the device list what lies at and below the paths of userdata; its disk does not change.
 
-    kind: "archive" for a tar of the paths, "list" for a line each. Returns the host path of it."""
-    script = (f"mount_data {description['fs']} ro\n"
-              + shlex.join([f"send_{kind}", *paths]) + "\n")
+    Returns [(mode, uid, gid, size, path)], a folder before what is in it, and the host folder that
+    then holds the files' bytes below their paths."""
+    words = shlex.join(paths) + "\n"
+    script = f"mount_data {description['fs']} ro\nlist_files {words}"
+    script += f"copy_files {words}" if with_content else ""
     start(device, description, script, {},
           machine.disk_options(os.path.join(device, "disk.img"), snapshot=True), READ_TIMEOUT)
-    return os.path.join(device, "boot", kind)
+    shared = os.path.join(device, "boot")
+    lines = initramfs.read_file(os.path.join(shared, "list")).decode(errors="surrogateescape")
+    entries = [line.split(" ", 4) for line in lines.splitlines()]
+    return ([(int(mode, 16), int(uid), int(gid), int(size), path)
+             for mode, uid, gid, size, path in entries], os.path.join(shared, "files"))
