@@ -1,0 +1,270 @@
+// Lays the dump stream into the chain.
+//
+// Blocks are staged in the working buffer as a stretch: consecutive both in the chain and on the
+// medium, each with its header in place, so that one transfer writes them whole.  The headers come
+// from the run table, or, where that had no room, from reading the blocks back.
+#include "bootside/chain_walk.h"
+#include "bootside/dump_state.h"
+#include "bootside/run_table.h"
+#include "chain/initial_block_header.h"
+
+static const uint32_t longest_name = sizeof(dump_file_header::name) - 1;
+
+// After a failed transfer nobody knows what stands on the medium; the flag is out of reach from
+// here.
+static enum bootside_result give_up(struct bootside *boot, enum bootside_result result,
+                                    uint64_t offset, int returned) {
+    boot->state = dump_state_broken;
+    return chain_walk_fault(&boot->walk, result, offset, 0, static_cast<uint32_t>(returned));
+}
+
+static enum bootside_result flush(struct bootside *boot) {
+    const struct bootside_port *port = boot->walk.port;
+    const int failed = port->flush(port->user);
+    return failed == 0 ? bootside_ok : give_up(boot, bootside_flush_failed, 0, failed);
+}
+
+// Changes nothing of the anchor but its flags, in four bytes: no sector boundary lies in them, so
+// that they are on the medium old or new.
+static enum bootside_result write_flags(struct bootside *boot, uint32_t flags) {
+    const struct bootside_port *port = boot->walk.port;
+    const uint64_t offset =
+        initial_block_header_misc_offset + offsetof(struct initial_block_header, flags);
+    const int failed = port->write_misc(port->user, offset, &flags, sizeof(flags));
+    if (failed != 0) {
+        give_up(boot, bootside_write_failed, offset, failed);
+        boot->walk.fault.in_misc = 1;
+        return bootside_write_failed;
+    }
+    boot->walk.flags = flags;
+    return flush(boot);
+}
+
+// A stretch out of the run table: the same bytes as the headers that the opening walk has verified.
+static void stage_from_table(struct bootside *boot, const struct chain_run *run,
+                             uint32_t after_run) {
+    struct bootside_walk *walk = &boot->walk;
+    uint32_t blocks = run->blocks - boot->run_offset;
+    blocks = blocks < walk->buffer_blocks ? blocks : walk->buffer_blocks;
+    unsigned char *at = static_cast<unsigned char *>(walk->port->buffer);
+    for (uint32_t i = 0; i < blocks; ++i, at += walk->block_length) {
+        const bool ends_run = ++boot->run_offset == run->blocks;
+        const uint32_t next = ends_run ? after_run : walk->block + 1;
+        walk->crc = chain_walk_crc(walk->port, walk->crc, walk->block, next);
+        const struct block_header header = {block_header_magic, next, walk->crc};
+        __builtin_memcpy(at, &header, sizeof(header));
+        ++walk->position;
+        walk->block = next;
+    }
+    boot->stretch_blocks = blocks;
+    if (boot->run_offset == run->blocks) {
+        ++boot->run;
+        boot->run_offset = 0;
+    }
+}
+
+// A stretch read back from the medium, verified once more on the way.
+static enum bootside_result stage_from_medium(struct bootside *boot) {
+    struct bootside_walk *walk = &boot->walk;
+    // The window holds nothing any more, but its end still tells whether the chain runs straight
+    // on.
+    walk->window_first += walk->window_blocks;
+    walk->window_blocks = 0;
+    boot->stretch_blocks = 0;
+    do {
+        const enum bootside_result result = chain_walk_step(walk);
+        if (result != bootside_ok) {
+            boot->state = dump_state_broken;
+            return result;
+        }
+        ++boot->stretch_blocks;
+    } while (boot->stretch_blocks < walk->window_blocks &&
+             walk->block == boot->stretch_first + boot->stretch_blocks);
+    return bootside_ok;
+}
+
+static enum bootside_result stage_stretch(struct bootside *boot) {
+    struct chain_run run;
+    uint32_t after_run;
+    boot->stretch_first = boot->walk.block;
+    boot->stretch_index = 0;
+    boot->stretch_at = 0;
+    if (run_table_get(boot, boot->run, &run, &after_run) != 0) {
+        stage_from_table(boot, &run, after_run);
+        return bootside_ok;
+    }
+    return stage_from_medium(boot);
+}
+
+// Writes the first `blocks` blocks of the stretch.  A pending dump that is being replaced loses its
+// flag before the first of its blocks changes, so that the flag never stands over a mixture.
+static enum bootside_result write_stretch(struct bootside *boot, uint32_t blocks) {
+    struct bootside_walk *walk = &boot->walk;
+    const struct bootside_port *port = walk->port;
+    if ((walk->flags & initial_block_header_dump_flag) != 0) {
+        const enum bootside_result result =
+            write_flags(boot, walk->flags & ~initial_block_header_dump_flag);
+        if (result != bootside_ok) {
+            return result;
+        }
+    }
+    const uint64_t offset = uint64_t{boot->stretch_first} * walk->block_length;
+    const int failed =
+        port->write_data(port->user, offset, port->buffer, size_t{blocks} * walk->block_length);
+    return failed == 0 ? bootside_ok : give_up(boot, bootside_write_failed, offset, failed);
+}
+
+// Makes room for payload at stretch_index, stretch_at.  The caller knows that the chain has some.
+static enum bootside_result make_room(struct bootside *boot) {
+    if (boot->stretch_index < boot->stretch_blocks) {
+        return bootside_ok;
+    }
+    enum bootside_result result = bootside_ok;
+    if (boot->stretch_blocks != 0) {
+        result = write_stretch(boot, boot->stretch_blocks);
+    }
+    return result == bootside_ok ? stage_stretch(boot) : result;
+}
+
+// Appends to the stream; zeros where `data` is null.
+static enum bootside_result put(struct bootside *boot, const unsigned char *data, uint64_t length) {
+    const uint32_t payload = block_payload(boot);
+    while (length > 0) {
+        const enum bootside_result result = make_room(boot);
+        if (result != bootside_ok) {
+            return result;
+        }
+        const uint32_t room = payload - boot->stretch_at;
+        const uint32_t piece = length < room ? static_cast<uint32_t>(length) : room;
+        unsigned char *to = static_cast<unsigned char *>(boot->walk.port->buffer) +
+                            size_t{boot->stretch_index} * boot->walk.block_length +
+                            sizeof(struct block_header) + boot->stretch_at;
+        if (data != nullptr) {
+            __builtin_memcpy(to, data, piece);
+            data += piece;
+        } else {
+            __builtin_memset(to, 0, piece);
+        }
+        length -= piece;
+        boot->stream += piece;
+        boot->stretch_at += piece;
+        if (boot->stretch_at == payload) {
+            ++boot->stretch_index;
+            boot->stretch_at = 0;
+        }
+    }
+    return bootside_ok;
+}
+
+enum bootside_result bootside_begin_dump(struct bootside *boot, int replace) {
+    if (boot->state != dump_state_opened && boot->state != dump_state_writing) {
+        return bootside_out_of_order;
+    }
+    if ((boot->walk.flags & initial_block_header_dump_flag) != 0 && replace == 0) {
+        return bootside_dump_pending;
+    }
+    chain_walk_rewind(&boot->walk);
+    boot->run = 0;
+    boot->run_offset = 0;
+    boot->stretch_blocks = 0;
+    boot->stretch_index = 0;
+    boot->stream = 0;
+    boot->file_left = 0;
+    boot->files = 0;
+    boot->state = dump_state_writing;
+    return bootside_ok;
+}
+
+enum bootside_result bootside_check_file(const char *name, uint64_t size) {
+    uint32_t length = 0;
+    for (; name[length] != 0; ++length) {
+        if (length == longest_name) {
+            return bootside_name_too_long;
+        }
+        if (name[length] == '/') {
+            return bootside_name_not_plain;
+        }
+    }
+    if (length == 0) {
+        return bootside_name_empty;
+    }
+    // Dot names are directories: the device could not open them as files.
+    if (name[0] == '.' && (length == 1 || (length == 2 && name[1] == '.'))) {
+        return bootside_name_not_plain;
+    }
+    return size == 0 ? bootside_size_zero : bootside_ok;
+}
+
+enum bootside_result bootside_begin_file(struct bootside *boot, const char *name, uint64_t size) {
+    if (boot->state != dump_state_writing) {
+        return bootside_out_of_order;
+    }
+    if (boot->file_left != 0) {
+        return bootside_data_missing;
+    }
+    enum bootside_result result = bootside_check_file(name, size);
+    if (result != bootside_ok) {
+        return result;
+    }
+    struct dump_file_header header = {dump_file_header_magic, {}, size, 0};
+    for (uint32_t i = 0; name[i] != 0; ++i) {
+        header.name[i] = name[i];
+    }
+    const uint64_t place = header_place(boot, boot->stream);
+    const uint64_t data = place + sizeof(header);
+    const uint64_t capacity = bootside_capacity(boot);
+    if (data > capacity || size > capacity - data) {
+        return bootside_does_not_fit;
+    }
+    result = put(boot, nullptr, place - boot->stream);
+    if (result == bootside_ok) {
+        result = put(boot, reinterpret_cast<const unsigned char *>(&header), sizeof(header));
+    }
+    boot->file_left = size;
+    ++boot->files;
+    return result;
+}
+
+enum bootside_result bootside_write(struct bootside *boot, const void *data, size_t length) {
+    if (boot->state != dump_state_writing || boot->files == 0) {
+        return bootside_out_of_order;
+    }
+    if (length > boot->file_left) {
+        return bootside_data_excess;
+    }
+    boot->file_left -= length;
+    return put(boot, static_cast<const unsigned char *>(data), length);
+}
+
+// Zeros where the next header would stand, and to the end of that block: the device's parser stops
+// there, whatever an older dump has left behind it.  A full chain has no such place and needs none.
+static enum bootside_result mark_end(struct bootside *boot) {
+    const uint32_t payload = block_payload(boot);
+    const uint64_t place = header_place(boot, boot->stream);
+    const uint64_t block_end = (place / payload + 1) * payload;
+    const uint64_t capacity = bootside_capacity(boot);
+    return put(boot, nullptr, (block_end < capacity ? block_end : capacity) - boot->stream);
+}
+
+enum bootside_result bootside_finish(struct bootside *boot) {
+    if (boot->state != dump_state_writing || boot->files == 0) {
+        return bootside_out_of_order;
+    }
+    if (boot->file_left != 0) {
+        return bootside_data_missing;
+    }
+    enum bootside_result result = mark_end(boot);
+    if (result == bootside_ok) {
+        result = write_stretch(boot, boot->stretch_index);
+    }
+    if (result == bootside_ok) {
+        result = flush(boot);
+    }
+    if (result == bootside_ok) {
+        result = write_flags(boot, boot->walk.flags | initial_block_header_dump_flag);
+    }
+    if (result == bootside_ok) {
+        boot->state = dump_state_opened;
+    }
+    return result;
+}

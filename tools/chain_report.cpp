@@ -1,0 +1,87 @@
+#include "tools/chain_report.h"
+
+#include <fmt/format.h>
+
+#include "chain/initial_block_header.h"
+
+std::string describe_state(bootside_result result, const bootside_walk &walk) {
+    if (result == bootside_read_failed && walk.fault.in_misc != 0) {
+        return "unreadable";
+    }
+    if (result == bootside_no_anchor) {
+        return walk.fault.found == 0 ? "cleared" : "no chain";
+    }
+    return (walk.flags & initial_block_header_dump_flag) != 0 ? "dump pending" : "ready";
+}
+
+std::string describe_value(bootside_result result, uint32_t value) {
+    const bool hexadecimal = result == bootside_no_anchor || result == bootside_bad_block_magic ||
+                             result == bootside_bad_block_crc;
+    return hexadecimal ? fmt::format("{:#010x}", value) : fmt::format("{}", value);
+}
+
+std::string describe_verdict(const disk_image &image, bootside_result result,
+                             const bootside_walk &walk) {
+    if (result == bootside_ok) {
+        return fmt::format("intact: {} blocks of {} bytes", walk.n_blocks, walk.block_length);
+    }
+    const bootside_fault &fault = walk.fault;
+    const std::string place =
+        fault.in_misc != 0 ? fmt::format("the anchor ({})", name_offset(image.misc, fault.offset))
+                           : fmt::format("position {}, block {} ({})", fault.position, fault.block,
+                                         name_offset(image.data, fault.offset));
+    if (result == bootside_read_failed) {
+        return fmt::format("unreadable at {}: {}", place, image.error);
+    }
+    return fmt::format("broken at {}: {}: expected {}, found {}", place,
+                       bootside_result_text(result), describe_value(result, fault.expected),
+                       describe_value(result, fault.found));
+}
+
+std::string next_step(bootside_result result) {
+    switch (result) {
+        case bootside_no_anchor:
+            return "start the device once, so that tarnix builds its chain";
+        case bootside_read_failed:
+            return "get the image from the device anew";
+        case bootside_write_failed:
+        case bootside_flush_failed:
+            return "the dump has not been announced; free some space or try a copy of the image";
+        case bootside_dump_pending:
+            return "save it with pull, then write with --replace";
+        case bootside_does_not_fit:
+            return "leave a file out, or have the device make a larger map";
+        default:
+            return "save with pull what is there, then delete the map file on the device and let "
+                   "tarnix build a new chain";
+    }
+}
+
+const char *result_key(bootside_result result) {
+    switch (result) {
+        case bootside_ok:
+            return "intact";
+        case bootside_read_failed:
+            return "read_failed";
+        case bootside_no_anchor:
+            return "no_anchor";
+        case bootside_bad_block_length:
+            return "bad_block_length";
+        case bootside_bad_block_count:
+            return "bad_block_count";
+        case bootside_block_outside:
+            return "block_outside";
+        case bootside_bad_block_magic:
+            return "bad_block_magic";
+        case bootside_bad_block_crc:
+            return "bad_block_crc";
+        case bootside_chain_too_short:
+            return "chain_too_short";
+        case bootside_chain_too_long:
+            return "chain_too_long";
+        case bootside_block_twice:
+            return "block_twice";
+        default:
+            return "failed";
+    }
+}

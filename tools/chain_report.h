@@ -1,0 +1,25 @@
+// What a chain's verdict says to a person, and what to do next.
+#ifndef TARNIX_TOOLS_CHAIN_REPORT_H
+#define TARNIX_TOOLS_CHAIN_REPORT_H
+
+#include <string>
+
+#include "tools/disk_image.h"
+
+// The anchor's state in a word or two: "no chain", "cleared", "ready" or "dump pending".
+std::string describe_state(bootside_result result, const bootside_walk &walk);
+
+// "intact: 16384 blocks of 4096 bytes", or the first fault: position, block, byte, expected, found.
+std::string describe_verdict(const disk_image &image, bootside_result result,
+                             const bootside_walk &walk);
+
+// What the user can do about a result that is not bootside_ok.
+std::string next_step(bootside_result result);
+
+// "chain_too_short" and the like: the verdict for a program to read.
+const char *result_key(bootside_result result);
+
+// The expected or found value of a fault as its result counts it: hexadecimal or decimal.
+std::string describe_value(bootside_result result, uint32_t value);
+
+#endif

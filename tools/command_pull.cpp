@@ -1,0 +1,179 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <set>
+
+#include "bootside/chain_walk.h"
+#include "chain/initial_block_header.h"
+#include "tools/chain_report.h"
+#include "tools/commands.h"
+#include "tools/dump_stream.h"
+#include "tools/progress_bar.h"
+#include "tools/safe_name.h"
+
+struct pull_state {
+    disk_image *image;
+    const pull_options *options;
+    int directory;
+    FILE *out;                                 // null while a file is skipped
+    std::string path;                          // of `out`, for messages
+    std::map<std::string, std::string> names;  // in the dump, and as written
+    std::set<std::string> used;                // as written
+    std::vector<std::string> notes;            // printed once the progress bar is gone
+    int status;
+};
+
+static void note(pull_state *state, int status, const std::string &text) {
+    state->notes.push_back(text);
+    state->status = std::max(state->status, status);
+}
+
+// The name to write under: the dump's own, made safe, and unlike that of any other file of the
+// dump.
+static std::string choose_name(pull_state *state, const std::string &name) {
+    const std::string safe = safe_name(name);
+    std::string chosen = safe;
+    for (int n = 2; state->used.count(chosen) != 0; ++n) {
+        chosen = fmt::format("{}~{}", safe, n);
+    }
+    if (chosen != name) {
+        note(state, exit_good, fmt::format("a file's name is unsafe, it is written as {}", chosen));
+    }
+    state->used.insert(chosen);
+    state->names[name] = chosen;
+    return chosen;
+}
+
+static void begin_file(pull_state *state, const dump_file &file) {
+    const auto known = state->names.find(file.name);
+    const bool again = known != state->names.end();
+    const std::string name = again ? known->second : choose_name(state, file.name);
+    state->path = state->options->directory + "/" + name;
+    if (again) {
+        note(state, exit_good,
+             fmt::format("{} occurs again in the dump and replaces the first, as on the device",
+                         state->path));
+    }
+    if (again || state->options->force) {
+        // Whatever is in the way, a link or a device included, goes; failure shows in the next
+        // call.
+        unlinkat(state->directory, name.c_str(), 0);
+    }
+    const int fd = openat(state->directory, name.c_str(),
+                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    state->out = fd < 0 ? nullptr : fdopen(fd, "wb");
+    if (state->out != nullptr) {
+        setvbuf(state->out, nullptr, _IOFBF, 1048576);
+    } else if (errno == EEXIST) {
+        note(state, exit_not_whole,
+             fmt::format("{} exists and was left alone; --force replaces it", state->path));
+    } else {
+        note(state, exit_unreadable,
+             fmt::format("cannot create {}: {}", state->path, strerror(errno)));
+    }
+}
+
+static void close_file(pull_state *state, bool written) {
+    if (state->out != nullptr && (fclose(state->out) != 0 || !written)) {
+        note(state, exit_unreadable,
+             fmt::format("cannot write {}: {}; make room or choose another directory", state->path,
+                         strerror(errno)));
+    }
+    state->out = nullptr;
+}
+
+static void take_data(pull_state *state, const unsigned char *data, size_t length) {
+    if (state->out != nullptr && fwrite(data, 1, length, state->out) != length) {
+        close_file(state, false);
+    }
+}
+
+static void end_file(pull_state *state, const dump_file &file) {
+    close_file(state, true);
+    if (file.present < file.size) {
+        note(state, exit_not_whole,
+             fmt::format("{} is incomplete: {} of {} bytes, {} are missing", state->path,
+                         file.present, file.size, file.size - file.present));
+    } else if (file.size == 0) {
+        note(state, exit_not_whole,
+             fmt::format("{} is announced with no bytes, which ends the dump", state->path));
+    }
+}
+
+static std::string describe(const pull_state &state, const bootside_walk &walk,
+                            bootside_result result, const bootside_fault &fault) {
+    bootside_walk at = walk;
+    at.fault = fault;
+    return describe_verdict(*state.image, result, at);
+}
+
+static void judge(pull_state *state, const bootside_walk &walk, const dump_reading &reading,
+                  bool pending) {
+    if (reading.doubted != bootside_ok) {
+        note(state, exit_not_whole,
+             fmt::format("the chain is {}; what comes after that block may be wrong",
+                         describe(*state, walk, reading.doubted, reading.doubted_at)));
+    }
+    if (reading.stopped != bootside_ok && reading.stopped != bootside_size_zero) {
+        note(state, reading.stopped == bootside_read_failed ? exit_unreadable : exit_not_whole,
+             fmt::format("the chain is {}; nothing can be had from behind it",
+                         describe(*state, walk, reading.stopped, reading.stopped_at)));
+    }
+    if (reading.files == 0) {
+        note(state, pending ? exit_not_whole : exit_good, "the chain holds no file of a dump");
+    } else if (!pending) {
+        note(state, exit_good,
+             "this is an old dump: its flag is not set, so the device has already extracted it, "
+             "or it was never finished");
+    }
+}
+
+static int open_directory(const std::string &path) {
+    if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
+        return -1;
+    }
+    return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+int pull_command(disk_image *image, const pull_options &options) {
+    bootside_walk walk = {};
+    const bootside_result result = chain_walk_start(&walk, &image->port);
+    if (result != bootside_ok) {
+        return report_failure(*image, result, walk);
+    }
+    const bool pending = (walk.flags & initial_block_header_dump_flag) != 0;
+    if (!pending && options.pending_only) {
+        fmt::print("no dump is pending; nothing was written\n");
+        return exit_good;
+    }
+    pull_state state = {};
+    state.image = image;
+    state.options = &options;
+    state.directory = open_directory(options.directory);
+    if (state.directory < 0) {
+        fmt::print(stderr, "tarnix-chain: cannot use the directory {}: {}\n", options.directory,
+                   strerror(errno));
+        return exit_unreadable;
+    }
+    const dump_sink sink = {
+        [&](const dump_file &file) { begin_file(&state, file); },
+        [&](const unsigned char *data, size_t length) { take_data(&state, data, length); },
+        [&](const dump_file &file) { end_file(&state, file); }};
+    progress_begin(image, "pulling", uint64_t{walk.n_blocks} * walk.block_length);
+    const dump_reading reading = read_dump_stream(&walk, sink);
+    progress_end(image);
+    close(state.directory);
+    judge(&state, walk, reading, pending);
+    for (const std::string &text : state.notes) {
+        fmt::print(stderr, "tarnix-chain: {}\n", text);
+    }
+    fmt::print("{} files in {}, {} incomplete\n", reading.files, options.directory,
+               reading.cut_short);
+    return state.status;
+}

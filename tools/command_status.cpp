@@ -1,0 +1,121 @@
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include "bootside/chain_walk.h"
+#include "chain/initial_block_header.h"
+#include "tools/chain_report.h"
+#include "tools/commands.h"
+#include "tools/dump_stream.h"
+#include "tools/progress_bar.h"
+#include "tools/safe_name.h"
+
+struct chain_status {
+    bootside_result result;
+    bootside boot;
+    dump_reading dump;
+    std::vector<dump_file> files;
+};
+
+static bool has_geometry(bootside_result result, const bootside_walk &walk) {
+    return result != bootside_no_anchor &&
+           !(result == bootside_read_failed && walk.fault.in_misc != 0);
+}
+
+static bool is_pending(const chain_status &status) {
+    return (status.boot.walk.flags & initial_block_header_dump_flag) != 0;
+}
+
+static chain_status examine(disk_image *image) {
+    chain_status status = {};
+    status.result = open_chain(image, &status.boot);
+    bootside_walk walk;
+    if (chain_walk_start(&walk, &image->port) != bootside_ok) {
+        return status;
+    }
+    dump_sink sink;
+    sink.end = [&](const dump_file &file) { status.files.push_back(file); };
+    progress_begin(image, "reading", uint64_t{walk.n_blocks} * walk.block_length);
+    status.dump = read_dump_stream(&walk, sink);
+    progress_end(image);
+    return status;
+}
+
+static void print_files(const chain_status &status) {
+    fmt::print("dump         {}\n", status.files.empty() ? "none in the chain"
+                                    : is_pending(status) ? "waits for the device"
+                                                         : "an old one, no longer pending");
+    for (const dump_file &file : status.files) {
+        fmt::print("  {:<20} {:>14}{}\n", safe_name(file.name), file.size,
+                   file.present < file.size
+                       ? fmt::format("  CUT SHORT: {} bytes are there", file.present)
+                   : file.size == 0 ? "  EMPTY: ends the dump"
+                                    : "");
+    }
+}
+
+static void print_text(const disk_image &image, const chain_status &status) {
+    const bootside_walk &walk = status.boot.walk;
+    fmt::print("state        {}\n", describe_state(status.result, walk));
+    if (has_geometry(status.result, walk)) {
+        fmt::print("flags        {:#x}\nseed         {:#010x}\nfirst block  {}\n", walk.flags,
+                   walk.seed, walk.first_block);
+        fmt::print("size         {} blocks of {} bytes, {} bytes\n", walk.n_blocks,
+                   walk.block_length, uint64_t{walk.n_blocks} * walk.block_length);
+        fmt::print("runs         {}{}\n", status.boot.runs,
+                   status.result == bootside_ok ? "" : " up to the fault");
+    }
+    fmt::print("chain        {}\n", describe_verdict(image, status.result, walk));
+    if (status.result != bootside_ok) {
+        fmt::print("next         {}\n", next_step(status.result));
+    }
+    if (has_geometry(status.result, walk)) {
+        print_files(status);
+    }
+}
+
+static nlohmann::json fault_json(const chain_status &status) {
+    const bootside_fault &fault = status.boot.walk.fault;
+    return {{"partition", fault.in_misc != 0 ? "misc" : "data"},
+            {"position", fault.position},
+            {"block", fault.block},
+            {"byte_offset", fault.offset},
+            {"expected", fault.expected},
+            {"found", fault.found}};
+}
+
+static void print_json(const chain_status &status) {
+    const bootside_walk &walk = status.boot.walk;
+    nlohmann::json out = {{"state", describe_state(status.result, walk)},
+                          {"verdict", result_key(status.result)}};
+    if (has_geometry(status.result, walk)) {
+        out["anchor"] = {{"first_block", walk.first_block},
+                         {"block_length", walk.block_length},
+                         {"n_blocks", walk.n_blocks},
+                         {"seed", walk.seed},
+                         {"flags", walk.flags}};
+        out["runs"] = status.boot.runs;
+        nlohmann::json files = nlohmann::json::array();
+        for (const dump_file &file : status.files) {
+            files.push_back({{"name", file.name}, {"size", file.size}, {"present", file.present}});
+        }
+        out["dump"] = {{"pending", is_pending(status)},
+                       {"whole", dump_is_whole(status.dump)},
+                       {"files", files}};
+    }
+    if (status.result != bootside_ok) {
+        out["fault"] = fault_json(status);
+    }
+    // Names come from the disk and may be no UTF-8.
+    fmt::print("{}\n", out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+int status_command(disk_image *image, bool json) {
+    const chain_status status = examine(image);
+    if (json) {
+        print_json(status);
+    } else {
+        print_text(*image, status);
+    }
+    return status.result == bootside_read_failed ? exit_unreadable : exit_good;
+}

@@ -1,0 +1,33 @@
+#include <fmt/format.h>
+
+#include "bootside/chain_walk.h"
+#include "tools/chain_report.h"
+#include "tools/commands.h"
+#include "tools/progress_bar.h"
+
+bootside_result open_chain(disk_image *image, bootside *boot) {
+    // The anchor alone first: its length is the bar's.
+    bootside_result result = chain_walk_start(&boot->walk, &image->port);
+    if (result == bootside_ok) {
+        progress_begin(image, "verifying", uint64_t{boot->walk.n_blocks} * boot->walk.block_length);
+        result = bootside_open(boot, &image->port);
+        progress_end(image);
+    }
+    return result;
+}
+
+int report_failure(const disk_image &image, bootside_result result, const bootside_walk &walk) {
+    fmt::print(stderr, "tarnix-chain: the chain is {}\ntarnix-chain: next: {}\n",
+               describe_verdict(image, result, walk), next_step(result));
+    return result == bootside_read_failed ? exit_unreadable : exit_not_whole;
+}
+
+int verify_command(disk_image *image) {
+    bootside boot = {};
+    const bootside_result result = open_chain(image, &boot);
+    if (result != bootside_ok) {
+        return report_failure(*image, result, boot.walk);
+    }
+    fmt::print("{} in {} physical runs\n", describe_verdict(*image, result, boot.walk), boot.runs);
+    return exit_good;
+}

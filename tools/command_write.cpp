@@ -1,0 +1,154 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tools/chain_report.h"
+#include "tools/commands.h"
+#include "tools/progress_bar.h"
+
+struct input_file {
+    std::string name;
+    std::string path;
+    int fd;
+    uint64_t size;
+};
+
+// Opens NAME=FILE.  Returns exit_good, or what to exit with.
+static int open_input(const std::string &text, const std::vector<input_file> &earlier,
+                      input_file *file) {
+    const size_t equals = text.find('=');
+    if (equals == std::string::npos) {
+        fmt::print(stderr, "tarnix-chain: {}: a file to write is given as NAME=FILE\n", text);
+        return exit_usage;
+    }
+    *file = {text.substr(0, equals), text.substr(equals + 1), -1, 0};
+    for (const input_file &other : earlier) {
+        if (other.name == file->name) {
+            fmt::print(stderr,
+                       "tarnix-chain: the name {} is given twice; the device would keep "
+                       "only the last\n",
+                       file->name);
+            return exit_usage;
+        }
+    }
+    struct stat status = {};
+    file->fd = open(file->path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (file->fd < 0 || fstat(file->fd, &status) != 0) {
+        fmt::print(stderr, "tarnix-chain: cannot open {}: {}\n", file->path, strerror(errno));
+        return exit_unreadable;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        fmt::print(stderr,
+                   "tarnix-chain: {} is not a regular file; its size must be known before "
+                   "it is written\n",
+                   file->path);
+        return exit_unreadable;
+    }
+    file->size = static_cast<uint64_t>(status.st_size);
+    const bootside_result result = bootside_check_file(file->name.c_str(), file->size);
+    if (result != bootside_ok) {
+        fmt::print(stderr, "tarnix-chain: {}: {}; nothing was written\n", text,
+                   bootside_result_text(result));
+        return exit_not_whole;
+    }
+    return exit_good;
+}
+
+static int refuse(bootside_result result, const std::string &detail) {
+    fmt::print(stderr, "tarnix-chain: {}{}; nothing was written\ntarnix-chain: next: {}\n",
+               bootside_result_text(result), detail, next_step(result));
+    return exit_not_whole;
+}
+
+// Everything that can be judged before the first byte is written.
+static int check_dump(bootside *boot, const std::vector<input_file> &files, bool replace) {
+    std::vector<uint64_t> sizes;
+    for (const input_file &file : files) {
+        sizes.push_back(file.size);
+    }
+    const uint64_t need = bootside_need(boot, sizes.data(), sizes.size());
+    const uint64_t capacity = bootside_capacity(boot);
+    if (need > capacity) {
+        return refuse(bootside_does_not_fit,
+                      fmt::format(": the dump needs {} bytes, the chain has {}", need, capacity));
+    }
+    const bootside_result result = bootside_begin_dump(boot, replace ? 1 : 0);
+    return result == bootside_ok ? exit_good : refuse(result, "");
+}
+
+static bootside_result copy_file(bootside *boot, const input_file &file, std::string *error) {
+    bootside_result result = bootside_begin_file(boot, file.name.c_str(), file.size);
+    std::vector<unsigned char> piece(1048576);
+    uint64_t left = file.size;
+    while (result == bootside_ok && left > 0) {
+        const size_t wanted = left < piece.size() ? static_cast<size_t>(left) : piece.size();
+        const ssize_t n = read(file.fd, piece.data(), wanted);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            *error = fmt::format("cannot read {} at byte {}: {}", file.path, file.size - left,
+                                 n < 0 ? strerror(errno) : "it has become shorter");
+            return bootside_data_missing;
+        }
+        left -= static_cast<uint64_t>(n);
+        result = bootside_write(boot, piece.data(), static_cast<size_t>(n));
+    }
+    return result;
+}
+
+static int write_dump(disk_image *image, bootside *boot, const std::vector<input_file> &files) {
+    bootside_result result = bootside_ok;
+    uint64_t total = 0;
+    for (const input_file &file : files) {
+        total += file.size;
+    }
+    image->error.clear();
+    progress_begin(image, "writing", total);
+    for (const input_file &file : files) {
+        if (result == bootside_ok) {
+            result = copy_file(boot, file, &image->error);
+        }
+    }
+    if (result == bootside_ok) {
+        result = bootside_finish(boot);
+    }
+    progress_end(image);
+    if (result == bootside_ok) {
+        fmt::print("{} files, {} bytes written; the dump is pending\n", files.size(), total);
+        return exit_good;
+    }
+    fmt::print(stderr,
+               "tarnix-chain: {}\ntarnix-chain: {}\ntarnix-chain: the dump is not announced\n",
+               bootside_result_text(result),
+               image->error.empty() ? describe_verdict(*image, result, boot->walk) : image->error);
+    return exit_unreadable;
+}
+
+int write_command(disk_image *image, const std::vector<std::string> &texts, bool replace) {
+    std::vector<input_file> files;
+    int status = exit_good;
+    for (size_t i = 0; i < texts.size() && status == exit_good; ++i) {
+        input_file file = {};
+        status = open_input(texts[i], files, &file);
+        files.push_back(file);
+    }
+    bootside boot = {};
+    if (status == exit_good) {
+        const bootside_result result = open_chain(image, &boot);
+        status = result == bootside_ok ? check_dump(&boot, files, replace)
+                                       : report_failure(*image, result, boot.walk);
+    }
+    if (status == exit_good) {
+        status = write_dump(image, &boot, files);
+    }
+    for (const input_file &file : files) {
+        if (file.fd >= 0) {
+            close(file.fd);
+        }
+    }
+    return status;
+}

@@ -1,0 +1,37 @@
+// The commands of tarnix-chain, each in a file of its own.  Each returns the exit status.
+#ifndef TARNIX_TOOLS_COMMANDS_H
+#define TARNIX_TOOLS_COMMANDS_H
+
+#include <string>
+#include <vector>
+
+#include "tools/disk_image.h"
+
+enum exit_status {
+    exit_good = 0,
+    exit_not_whole = 1,  // chain not intact, dump incomplete, or the request refused
+    exit_usage = 2,
+    exit_unreadable = 3  // an image or file cannot be opened, read or written
+};
+
+int status_command(disk_image *image, bool json);
+int verify_command(disk_image *image);
+int map_command(disk_image *image);
+
+// `files` are NAME=FILE.
+int write_command(disk_image *image, const std::vector<std::string> &files, bool replace);
+
+struct pull_options {
+    std::string directory;
+    bool force;
+    bool pending_only;
+};
+int pull_command(disk_image *image, const pull_options &options);
+
+// Verifies the whole chain behind a progress bar, with bootside_open.
+bootside_result open_chain(disk_image *image, bootside *boot);
+
+// Prints the verdict and the next step on standard error, and returns the status that fits.
+int report_failure(const disk_image &image, bootside_result result, const bootside_walk &walk);
+
+#endif

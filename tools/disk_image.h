@@ -1,0 +1,50 @@
+// The misc and data partitions of a device: inside a whole-disk image or block device with a GPT,
+// or as two files of their own.
+#ifndef TARNIX_TOOLS_DISK_IMAGE_H
+#define TARNIX_TOOLS_DISK_IMAGE_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bootside/bootside.h"
+
+// From the command line: either `disk`, or `misc` and `data`.
+struct image_options {
+    std::string disk;
+    std::string misc;
+    std::string data;
+    std::string data_name;  // GPT name of the data partition on `disk`
+};
+
+struct partition_place {
+    int fd;
+    std::string path;  // the image that holds it
+    uint64_t start;    // byte offset in the image
+    uint64_t size;     // bytes
+};
+
+// An opened pair with a port for bootside/ over it.  `error` tells in words why the last transfer
+// of the port failed; `transferred` counts the data partition's bytes.
+struct disk_image {
+    partition_place misc;
+    partition_place data;
+    std::string error;
+    uint64_t transferred;
+    void (*on_transfer)(uint64_t transferred);  // may be null
+    std::vector<unsigned char> buffer;
+    bootside_port port;
+};
+
+// Opens the images.  Null on failure with *error saying what to do; block devices that are to be
+// written must not be in use.
+std::unique_ptr<disk_image> open_disk_image(const image_options &options, bool writable,
+                                            std::string *error);
+
+// "byte 4096 of disk.img": the place of a partition's byte in the file that the user has named.
+std::string name_offset(const partition_place &partition, uint64_t offset);
+
+// Closes what open_disk_image has opened.
+void close_disk_image(disk_image *image);
+
+#endif

@@ -1,0 +1,44 @@
+// Reads the files of a dump by following the chain's links, in an image that nobody vouches for.
+#ifndef TARNIX_TOOLS_DUMP_STREAM_H
+#define TARNIX_TOOLS_DUMP_STREAM_H
+
+#include <stdint.h>
+
+#include <functional>
+#include <string>
+
+#include "bootside/bootside.h"
+
+struct dump_file {
+    std::string name;  // as the device would take it from the header: any bytes but NUL
+    uint64_t size;     // bytes announced
+    uint64_t present;  // bytes found; less than `size` in a file that is cut short
+};
+
+// What to do with the files.  Each may be left empty.
+struct dump_sink {
+    std::function<void(const dump_file &)> begin;
+    std::function<void(const unsigned char *, size_t)> data;
+    std::function<void(const dump_file &)> end;
+};
+
+struct dump_reading {
+    // Why the reading ended before the dump's end: a block out of reach, or a file of no bytes
+    // (which ends the device's extraction); bootside_ok at the end mark or at the chain's end.
+    bootside_result stopped;
+    // The first wrong CRC met on the way, or bootside_ok.  Reading goes on over it, as the device's
+    // does, but what follows may come from a wrong block.
+    bootside_result doubted;
+    bootside_fault stopped_at;
+    bootside_fault doubted_at;
+    uint32_t files;
+    uint32_t cut_short;
+};
+
+// Reads the dump from a walk that chain_walk_start has started.  Looks at n_blocks blocks at most.
+dump_reading read_dump_stream(bootside_walk *walk, const dump_sink &sink);
+
+// Whether the dump was read whole and every link on the way was right.
+bool dump_is_whole(const dump_reading &reading);
+
+#endif

@@ -1,0 +1,102 @@
+// tarnix-chain: looks at, verifies, fills and empties the block chain of a device that is off.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+
+#include "tools/commands.h"
+
+struct command_line {
+    image_options image;
+    bool json = false;
+    bool replace = false;
+    std::vector<std::string> files;
+    pull_options pull = {};
+};
+
+static CLI::App *add_command(CLI::App *app, command_line *line, const char *name, const char *about,
+                             const char *example) {
+    CLI::App *command = app->add_subcommand(name, about);
+    CLI::Option *disk = command->add_option("--disk", line->image.disk,
+                                            "Whole-disk image or block device with a GPT");
+    CLI::Option *misc = command->add_option("--misc", line->image.misc, "The misc partition");
+    CLI::Option *data = command->add_option("--data", line->image.data, "The data partition");
+    command
+        ->add_option("--data-name", line->image.data_name,
+                     "GPT name of the data partition on the disk")
+        ->default_val("userdata");
+    disk->excludes(misc)->excludes(data);
+    misc->needs(data);
+    data->needs(misc);
+    command->footer(fmt::format("Example:\n  tarnix-chain {} {}", name, example));
+    return command;
+}
+
+static void add_commands(CLI::App *app, command_line *line) {
+    add_command(app, line, "status", "Tell the state of the chain and the files of a dump",
+                "--disk phone.img")
+        ->add_flag("--json", line->json, "Print it as JSON");
+    add_command(app, line, "verify",
+                "Walk the whole chain; exit status 0 intact, 1 not, 3 unreadable",
+                "--misc misc.img --data userdata.img");
+    add_command(app, line, "map", "Show where the chain lies on the data partition",
+                "--disk phone.img");
+    CLI::App *write = add_command(app, line, "write", "Play the crash side: write a dump",
+                                  "--disk phone.img DDRCS0.BIN=ram.bin OCIMEM.BIN=imem.bin");
+    write->add_option("NAME=FILE", line->files, "The name in the dump, and the file to take")
+        ->required();
+    write->add_flag("--replace", line->replace, "Give up a dump that is pending");
+    CLI::App *pull =
+        add_command(app, line, "pull", "Save the dump's files; the image stays as it is",
+                    "--disk phone.img crash-0117");
+    pull->add_option("DIR", line->pull.directory, "Directory to write to, made if missing")
+        ->required();
+    pull->add_flag("--force", line->pull.force, "Replace files that exist");
+    pull->add_flag("--pending-only", line->pull.pending_only,
+                   "Leave an old dump, which the device has already extracted, alone");
+}
+
+static int run_command(const std::string &name, disk_image *image, const command_line &line) {
+    if (name == "status") {
+        return status_command(image, line.json);
+    }
+    if (name == "verify") {
+        return verify_command(image);
+    }
+    if (name == "map") {
+        return map_command(image);
+    }
+    if (name == "write") {
+        return write_command(image, line.files, line.replace);
+    }
+    return pull_command(image, line.pull);
+}
+
+int main(int argc, char **argv) {
+    CLI::App app("Works on the crash-dump chain of a device that is off, in an image of its disk.");
+    command_line line;
+    add_commands(&app, &line);
+    app.require_subcommand(1);
+    app.footer(
+        "Example:\n  tarnix-chain verify --disk phone.img\n\n"
+        "Exit status: 0 good; 1 chain not intact, dump incomplete or request refused;\n"
+        "2 wrong usage; 3 an image or file cannot be read or written.");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? exit_good : exit_usage;
+    }
+    const std::string name = app.get_subcommands().front()->get_name();
+    if (line.image.disk.empty() && line.image.misc.empty()) {
+        fmt::print(stderr, "tarnix-chain: give the image with --disk, or with --misc and --data\n");
+        return exit_usage;
+    }
+    std::string error;
+    const auto image = open_disk_image(line.image, name == "write", &error);
+    if (image == nullptr) {
+        fmt::print(stderr, "tarnix-chain: {}\n", error);
+        return exit_unreadable;
+    }
+    const int status = run_command(name, image.get(), line);
+    close_disk_image(image.get());
+    return status;
+}
