@@ -11,6 +11,7 @@ SYSROOT = os.path.join(CACHE, "sysroot")
 
 LIBRARY_FOLDERS = ("lib/aarch64-linux-gnu", "usr/lib/aarch64-linux-gnu",
                    "usr/lib/aarch64-linux-gnu/android", "lib", "usr/lib")
+ELF_AARCH64 = b"\xb7\0"
 INTERPRETER = "ld-linux-aarch64.so.1"
 
 # Below kernel/ of the kernel package, in the order in which they need one another.
@@ -57,7 +58,12 @@ def needed_libraries(programs):
 
 def is_program(path):
     with open(path, "rb") as stream:
-        return stream.read(4) == b"\x7fELF"
+        header = stream.read(20)
+    if header[:4] != b"\x7fELF":
+        return False
+    if header[18:20] != ELF_AARCH64:
+        raise OSError(f"{path} is a program of another machine: build it for arm64")
+    return True
 
 
 def collect(fs, additions):

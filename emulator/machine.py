@@ -6,7 +6,9 @@ import subprocess
 from initramfs import CACHE
 
 KERNEL = os.path.join(CACHE, "kernel/Image")
-MACHINE = ["-M", "virt,gic-version=2", "-cpu", "cortex-a57", "-smp", "1", "-m", "512"]
+# One processor: two make a boot slower, and much slower when another device runs beside it.
+MACHINE = ["-M", "virt,gic-version=2", "-cpu", "cortex-a57", "-smp", "1", "-m", "512",
+           "-nodefaults", "-nic", "none", "-display", "none"]
 COMMAND_LINE = "console=ttyAMA0 quiet panic=-1"
 
 
@@ -19,7 +21,7 @@ def write_device_tree(path, properties):
 
     properties: "android/compatible" -> bytes, as /proc/device-tree shows them."""
     subprocess.run(["qemu-system-aarch64", *MACHINE, "-M", f"dumpdtb={path}"], check=True,
-                   capture_output=True)
+                   capture_output=True, text=True)
     source = subprocess.run(["dtc", "-q", "-I", "dtb", "-O", "dts", path], check=True,
                             capture_output=True, text=True).stdout
     for name, value in properties.items():
@@ -63,8 +65,7 @@ def run(shared, command_line, disk, device_tree, timeout):
     Raises MachineError when the device does not reach the end of its session in timeout seconds."""
     console = os.path.join(shared, "console")
     options = ["qemu-system-aarch64", *MACHINE, "-global", "virtio-mmio.force-legacy=false",
-               "-nodefaults", "-nic", "none", "-display", "none", "-no-reboot",
-               "-serial", f"file:{console}", "-kernel", KERNEL,
+               "-no-reboot", "-serial", f"file:{console}", "-kernel", KERNEL,
                "-initrd", os.path.join(shared, "initrd"),
                "-append", f"{COMMAND_LINE} {command_line}", *disk,
                "-fsdev", f"local,id=host,path={shared},security_model=none",
