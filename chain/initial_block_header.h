@@ -25,7 +25,8 @@ struct initial_block_header {
     uint32_t flags;
 };
 
-static_assert(sizeof(struct initial_block_header) == 24, "initial_block_header is 24 bytes on disk");
+static_assert(sizeof(struct initial_block_header) == 24,
+              "initial_block_header is 24 bytes on disk");
 static_assert(offsetof(struct initial_block_header, magic) == 0, "layout on disk");
 static_assert(offsetof(struct initial_block_header, first_block) == 4, "layout on disk");
 static_assert(offsetof(struct initial_block_header, block_length) == 8, "layout on disk");
@@ -45,5 +46,8 @@ constexpr uint32_t initial_block_header_dump_flag = 0x2;
 
 // Byte offset of the anchor in the misc partition.
 constexpr uint32_t initial_block_header_misc_offset = 3184;
+
+// Logs the record field by field; first the block device's `path`, unless that is null.
+void print_initial_block_header(const char *path, const struct initial_block_header *header);
 
 #endif

@@ -195,7 +195,7 @@ int mfg_emmc_read(int mfg_item, void *buf, int len) {
         return -EINVAL;
     }
     seek_to_item(offset);
-    // A short read leaves the caller with what its record held before: for the anchor, no chain.
+    // A short read leaves the rest of the record as the caller had set it: zeros, for the anchor.
     (void)!fread(buf, length, 1, partition_stream);
     close_partition();
     return 0;

@@ -1,0 +1,16 @@
+// The block device under a path.
+#ifndef TARNIX_CHAIN_BLOCK_DEVICE_LOOKUP_H
+#define TARNIX_CHAIN_BLOCK_DEVICE_LOOKUP_H
+
+struct fstab;
+
+// The device's file-system table.  Loaded by the driver before the lookup, null until then; never
+// released.
+extern struct fstab *device_fstab;
+
+// Finds the first entry of device_fstab whose mount point is `path` or an ancestor of it, and
+// returns the entry's block device; the string belongs to the table.  Sets `encryptable` and
+// `encrypted` to 0 or 1.  Null, with both left as they are, when no entry matches.
+const char *find_block_device(const char *path, int *encryptable, int *encrypted);
+
+#endif

@@ -1,0 +1,92 @@
+#include "chain/map_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <memory>
+#include <new>
+
+#include "chain/progress.h"
+#include "chain/transfer.h"
+#include "config/log.h"
+
+uint8_t show_progress;
+
+static const size_t chunk_size = 65536;
+static const int chunks_per_progress_line = 256;
+
+uint64_t get_directory_available_space(const char * /* path */) {
+    // Always the data partition, wherever the path leads: dumps end up there, and a map file put
+    // elsewhere is checked against it all the same.
+    static const char directory[] = "/data/vendor";
+    struct statvfs file_system;
+    uint64_t available = 0;
+    if (statvfs(directory, &file_system) == 0) {
+        available = static_cast<uint64_t>(file_system.f_bavail) * file_system.f_bsize;
+    } else {
+        log_error("%s: Could not statvfs %s: %s\n", __func__, directory, strerror(errno));
+    }
+    log_error("%s: available_space: %lu\n", __func__, available);
+    return available;
+}
+
+// Writes `size` bytes of 0xFF.  Every block has to be written, since only then does the file system
+// give it the place that the chain refers to.
+static int fill_file(int fd, const uint8_t *chunk, uint64_t size) {
+    int count = static_cast<int>(size / chunk_size);
+    for (int i = 0; i < count; i++) {
+        if (show_progress == 1 && i % chunks_per_progress_line == 0) {
+            log_info("%d/%d\n", i, count);
+        }
+        if (write_retry(fd, chunk, chunk_size) == -1) {
+            return -1;
+        }
+    }
+    if (write_retry(fd, chunk, size % chunk_size) == -1) {
+        return -1;
+    }
+    if (show_progress == 1) {
+        log_info("%d/%d\n", count, count);
+    }
+    return 0;
+}
+
+int create_file(const char *path, uint64_t size) {
+    // Before the open: what an old map file of this name still holds counts as used.
+    uint64_t available = get_directory_available_space(path);
+    if (available < size) {
+        log_error(
+            "%s: Not enough space available to create ramdump file: %s, avail space: %lu, "
+            "requested size: %lu\n",
+            __func__, path, available, size);
+        return -1;
+    }
+    // The failures from here on leave the descriptor to the end of the run, which is next.
+    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0660);
+    if (fd == -1) {
+        log_error("failed to open file:%s for writing: %s\n", path, strerror(errno));
+        return -1;
+    }
+    std::unique_ptr<uint8_t[]> chunk(new (std::nothrow) uint8_t[chunk_size]);
+    if (chunk == nullptr) {
+        log_error("failed to allocate block buffer\n");
+        return -1;
+    }
+    // After the open on purpose: a request for size 0 leaves the old map file truncated.
+    if (size == 0) {
+        log_error("auto create is not supported yet!!\n");
+        return -1;
+    }
+    log_info("Creating reserved area %zd bytes\n", static_cast<ssize_t>(size));
+    memset(chunk.get(), 0xFF, chunk_size);
+    if (fill_file(fd, chunk.get(), size) == -1) {
+        return -1;
+    }
+    fsync(fd);
+    close(fd);
+    return 0;
+}

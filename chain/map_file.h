@@ -1,0 +1,17 @@
+// The map file: the ordinary file on the data partition whose blocks carry the chain.
+#ifndef TARNIX_CHAIN_MAP_FILE_H
+#define TARNIX_CHAIN_MAP_FILE_H
+
+#include <stdint.h>
+
+// Creates the map file at `path` with exactly `size` bytes, each 0xFF, mode 0660, written in full
+// and synced so that every block has its place on the device.  0 on success; -1 after an error,
+// which is logged: no room, the file cannot be opened or written, or a size of 0.  A failure on the
+// way leaves what was written.
+int create_file(const char *path, uint64_t size);
+
+// Free bytes, for an unprivileged user, of the file system that holds /data/vendor; 0 when it
+// cannot tell.  `path` is ignored.
+uint64_t get_directory_available_space(const char *path);
+
+#endif
