@@ -73,7 +73,7 @@ int raw_read_blocks(const char *file, const char *blkdev, const char *outfile) {
     }
     unsigned long avail = file_system.f_bavail;
     log_info("%s: %lu avail, %u blocks needed\n", __func__, avail, n);
-    // Inverted as it looks, and kept: a small /dev passes, and scripts on devices rely on it.
+    // Inverted as it looks; the direction is this tool's own, and is kept.
     if (avail > n) {
         log_error("%s: Not enough space available to write ramdump %lu avail, need %u blocks\n",
                   __func__, avail, n);

@@ -1,0 +1,114 @@
+#include "extract/dump_stream.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "config/log.h"
+#include "extract/bounded_path.h"
+#include "extract/dump_directory.h"
+#include "extract/dump_file_header.h"
+
+// The parser's state, from one block's payload to the next.
+static bool in_file;                    // the data of a file is being copied
+static uint64_t remaining;              // bytes of it still to come
+static FILE *output;                    // where they go
+static struct dump_file_header header;  // the last one read
+static int32_t parse_error_count;       // bad magics, in block headers and file headers
+static bool ignore_bad_magic;           // never set: a bad magic is where a dump ends
+
+bool pass_over_bad_magic(uint32_t got, uint32_t expected) {
+    parse_error_count++;
+    if (!ignore_bad_magic) {
+        log_info("* bad magic, got %08x, expecting %08x\n", got, expected);
+    }
+    return ignore_bad_magic;
+}
+
+static int write_file_data(const uint8_t *data, uint64_t count) {
+    // An empty file ends the dump here as well: nothing is one element of nothing.
+    if (fwrite(data, count, 1, output) != 1) {
+        log_info("Could not write %lu bytes", count);
+        return -1;
+    }
+    remaining -= count;
+    if (remaining == 0) {
+        // What a close reports too late is found missing when the dump is read.
+        (void)fclose(output);
+        output = nullptr;
+        in_file = false;
+    }
+    return 0;
+}
+
+// Bytes from the name to the header's end: a name that has no NUL in its field runs on through the
+// rest of the header, and ends there at the latest.
+static const size_t name_limit = sizeof(struct dump_file_header) - offsetof(dump_file_header, name);
+
+static int begin_file(const uint8_t *data) {
+    memcpy(&header, data, sizeof(header));
+    char name[name_limit + 1] = {};
+    memcpy(name, data + offsetof(dump_file_header, name), name_limit);
+    // Before the magic is checked, so that the last such line shows the bytes that ended the dump.
+    log_error("Found file '%s', size %llu\n", name, static_cast<unsigned long long>(header.size));
+    if (header.magic != dump_file_header_magic &&
+        !pass_over_bad_magic(header.magic, dump_file_header_magic)) {
+        return -1;
+    }
+    remaining = header.size;
+    in_file = true;
+
+    char path[64];
+    format_path(path, sizeof(path), "%s%s", ramdump_path, name);
+    log_error("full path: %s\n", path);
+    output = fopen(path, "wb");
+    if (output == nullptr) {
+        log_info("Could not open file '%s' for writing\n", path);
+        return -1;
+    }
+    return 0;
+}
+
+int64_t process_data(uint8_t *data, int64_t len) {
+    if (len < 1) {
+        return len;
+    }
+    uint64_t left = static_cast<uint64_t>(len);
+    while (left > 0) {
+        uint64_t taken = 0;
+        if (in_file) {
+            taken = std::min(remaining, left);
+            if (write_file_data(data, taken) == -1) {
+                return -1;
+            }
+        } else {
+            if (left < sizeof(header)) {
+                // Padding: a header never crosses the end of a block.
+                remaining = 0;
+                return 0;
+            }
+            taken = sizeof(header);
+            if (begin_file(data) == -1) {
+                return -1;
+            }
+        }
+        data += taken;
+        left -= taken;
+    }
+    return 0;
+}
+
+void sync_dump_files() {
+    if (output != nullptr) {
+        (void)fflush(output);
+    }
+    // The whole file system: the files, their directory and the directories above it.
+    int fd = open(ramdump_path, O_RDONLY | O_DIRECTORY);
+    if (fd != -1) {
+        (void)syncfs(fd);
+        close(fd);
+    }
+}

@@ -1,0 +1,110 @@
+#include "extract/map_to_bin_files.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+#include <new>
+
+#include "chain/block_header.h"
+#include "chain/block_map.h"
+#include "chain/map_file.h"
+#include "chain/transfer.h"
+#include "config/ddr_size.h"
+#include "config/log.h"
+#include "extract/dump_stream.h"
+
+// Bytes that a dump of this device's memory may take: its RAM and 256 MiB for all else, or just
+// that, less a byte, when the RAM size is unknown.
+static uint64_t required_space() {
+    uint64_t ddr_size = 0;
+    return read_ddr_size(&ddr_size) ? ddr_size + 0x10000000 : 0xfffffff;
+}
+
+static bool has_space(const char *map_path) {
+    uint64_t available = get_directory_available_space("/data/vendor");
+    if (available >= required_space()) {
+        return true;
+    }
+    log_error(
+        "Not enough space available to create ramdump file: %s, avail space: %lu, "
+        "requested size: %lu\n",
+        map_path, available, required_space());
+    return false;
+}
+
+// Feeds the payloads of the map file's n blocks to the parser, in the order of the file, whatever
+// the links say: the file system's order is the same where the chain is intact.
+static int parse_blocks(int map_fd, int device_fd, uint32_t n, uint8_t *buffer,
+                        int64_t block_size) {
+    for (uint32_t i = 0; i < n; i++) {
+        int block = static_cast<int>(i);
+        if (map_block(map_fd, &block) != 0) {
+            log_error("failed to find block %d\n", static_cast<int>(i));
+            return -1;
+        }
+        if (seek_to_block(device_fd, block, static_cast<uint64_t>(block_size)) == -1) {
+            log_error("error seeking to block %08x: %s\n", static_cast<unsigned>(block),
+                      strerror(errno));
+            return -1;
+        }
+        if (read_retry(device_fd, buffer, static_cast<size_t>(block_size)) < 0) {
+            return -1;
+        }
+        struct block_header header;
+        memcpy(&header, buffer, sizeof(header));
+        if (header.magic != block_header_magic &&
+            !pass_over_bad_magic(header.magic, block_header_magic)) {
+            // A block outside the chain ends the dump.
+            return 0;
+        }
+        int64_t payload_size = block_size - static_cast<int64_t>(sizeof(header));
+        memmove(buffer, buffer + sizeof(header), static_cast<size_t>(payload_size));
+        if (process_data(buffer, payload_size) < 0) {
+            // What was found so far is worth keeping: an end of the dump, not a failure.
+            return 0;
+        }
+    }
+    return 0;
+}
+
+int map_to_bin_files(const char *map_path, const char *blkdev) {
+    struct stat map_stat;
+    if (stat(map_path, &map_stat) == -1) {
+        log_error("failed to stat %s: %s\n", map_path, strerror(errno));
+        return -1;
+    }
+    // The chain was built in blocks of the same size: it is the same file.
+    int64_t block_size = static_cast<int32_t>(map_stat.st_blksize);
+    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[static_cast<size_t>(block_size)]);
+    if (buffer == nullptr) {
+        log_error("failed to allocate block buffer\n");
+        return -1;
+    }
+    int map_fd = open(map_path, O_RDONLY);
+    if (map_fd == -1) {
+        log_error("failed to open infile:%s for reading: %s\n", map_path, strerror(errno));
+        return -1;
+    }
+    (void)fsync(map_fd);
+    int device_fd = open(blkdev, O_RDONLY | O_SYNC);
+    if (device_fd == -1) {
+        log_error("failed to open blk_dev:%s for reading: %s\n", blkdev, strerror(errno));
+        close(map_fd);
+        return -1;
+    }
+    log_info("Opened %s for reading\n", blkdev);
+
+    int result = -1;
+    if (has_space(map_path)) {
+        uint32_t n = static_cast<uint32_t>(static_cast<int64_t>(map_stat.st_size) / block_size);
+        result = parse_blocks(map_fd, device_fd, n, buffer.get(), block_size);
+    }
+    close(device_fd);
+    close(map_fd);
+    return result;
+}
