@@ -1,8 +1,8 @@
 """One session of the device: what it finds when it boots, what it does, and what it leaves.
 
 A device folder holds device.json and disk.img; root/, files of its root file system; persist/, its
-persist.* properties; boot/, what the last session's machine saw as /host; and the last session's
-log, stdout, console and result.json."""
+persist.* properties; boot/, what the last boot saw as /host, and its log, stdout, console and
+result.json; and read/, the /host of the last reading."""
 
 import json
 import os
@@ -50,12 +50,11 @@ def folder_files(folder):
             for parent, _, names in os.walk(folder) for name in names}
 
 
-def start(device, description, script, additions, disk, timeout):
-    """Boots the device for one session.
+def start(device, shared, description, script, additions, disk, timeout):
+    """Boots the device for one session. shared: the folder that it mounts at /host, made anew.
 
     script: what it does, in terms of init's functions. additions: files of its root besides those
     of root/, path on the device -> host path or bytes. disk: machine.disk_options()."""
-    shared = os.path.join(device, "boot")
     shutil.rmtree(shared, ignore_errors=True)
     os.makedirs(shared)
     script = f"link_partitions {description['links']}\n{script}"
@@ -129,15 +128,18 @@ def boot(device, description, options):
             additions[f"emulator/{script}"] = getattr(options, script)
     if runs:
         additions[service.TOOL] = options.tool
+    shared = os.path.join(device, "boot")
+    for stale in ("log", "stdout", "console", "result.json"):
+        if os.path.exists(os.path.join(device, stale)):
+            os.remove(os.path.join(device, stale))
     start_time = time.monotonic()
     try:
-        start(device, description, service_script(description, runs, options), additions,
+        start(device, shared, description, service_script(description, runs, options), additions,
               machine.disk_options(os.path.join(device, "disk.img"), options.log_writes,
                                    options.blkdebug), options.timeout)
     finally:
         seconds = round(time.monotonic() - start_time, 2)
         collect_output(device)
-    shared = os.path.join(device, "boot")
     results = [run_result(os.path.join(shared, str(number)), arguments)
                for number, arguments in enumerate(runs, 1)]
     properties = parse_properties(os.path.join(shared, "properties"))
@@ -158,9 +160,9 @@ def read(device, description, paths, with_content):
     words = shlex.join(paths) + "\n"
     script = f"mount_data {description['fs']} ro\nlist_files {words}"
     script += f"copy_files {words}" if with_content else ""
-    start(device, description, script, {},
+    shared = os.path.join(device, "read")
+    start(device, shared, description, script, {},
           machine.disk_options(os.path.join(device, "disk.img"), snapshot=True), READ_TIMEOUT)
-    shared = os.path.join(device, "boot")
     lines = initramfs.read_file(os.path.join(shared, "list")).decode(errors="surrogateescape")
     entries = [line.split(" ", 4) for line in lines.splitlines()]
     return ([(int(mode, 16), int(uid), int(gid), int(size), path)
