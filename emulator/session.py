@@ -111,32 +111,38 @@ def collect_output(device):
         shutil.copy(os.path.join(shared, "console"), os.path.join(device, "console"))
 
 
+def stored_properties(device, description, options):
+    """What the store holds at start besides androidboot.*: each later source wins."""
+    persistent = {key: initramfs.read_file(path).decode()
+                  for key, path in folder_files(os.path.join(device, "persist")).items()}
+    return {**description["properties"], **persistent, **dict(options.prop)}
+
+
+def boot_additions(device, description, options):
+    """The files of a boot's root file system: path on the device -> host path or bytes."""
+    properties = stored_properties(device, description, options)
+    return {service.TOOL: options.tool if not options.no_run else b"", **dict(options.file),
+            **{f"emulator/properties/{key}": value.encode() for key, value in properties.items()},
+            **{f"emulator/{name}": path for name, path in
+               (("before", options.before), ("after", options.after)) if path}}
+
+
 def boot(device, description, options):
     """Boots the device as the boot command's options say and returns the tool's exit status: with
     several runs the first that is not 0."""
     runs = [shlex.split(line) for line in options.run]
     if options.arguments or not (runs or options.no_run):
         runs.append(options.arguments or service.ARGUMENTS)
-    persistent = os.path.join(device, "persist")
-    properties = {**description["properties"],
-                  **{key: initramfs.read_file(path).decode()
-                     for key, path in folder_files(persistent).items()}, **dict(options.prop)}
-    additions = {path: source for path, source in options.file}
-    additions |= {f"emulator/properties/{key}": value.encode() for key, value in properties.items()}
-    for script in ("before", "after"):
-        if getattr(options, script):
-            additions[f"emulator/{script}"] = getattr(options, script)
-    if runs:
-        additions[service.TOOL] = options.tool
-    shared = os.path.join(device, "boot")
     for stale in ("log", "stdout", "console", "result.json"):
         if os.path.exists(os.path.join(device, stale)):
             os.remove(os.path.join(device, stale))
+    shared = os.path.join(device, "boot")
+    disk = machine.disk_options(os.path.join(device, "disk.img"), options.log_writes,
+                                options.blkdebug)
     start_time = time.monotonic()
     try:
-        start(device, shared, description, service_script(description, runs, options), additions,
-              machine.disk_options(os.path.join(device, "disk.img"), options.log_writes,
-                                   options.blkdebug), options.timeout)
+        start(device, shared, description, service_script(description, runs, options),
+              boot_additions(device, description, options), disk, options.timeout)
     finally:
         seconds = round(time.monotonic() - start_time, 2)
         collect_output(device)
@@ -145,7 +151,7 @@ def boot(device, description, options):
     properties = parse_properties(os.path.join(shared, "properties"))
     for key, value in properties.items():
         if key.startswith("persist."):
-            write_file(os.path.join(persistent, key), value.encode())
+            write_file(os.path.join(device, "persist", key), value.encode())
     status = next((result["status"] for result in results if result["status"] != 0), 0)
     result = {"status": status, "runs": results, "properties": properties, "seconds": seconds}
     write_file(os.path.join(device, "result.json"), json.dumps(result, indent=1).encode())
