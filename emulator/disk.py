@@ -29,7 +29,7 @@ def format_userdata(path, fs):
                    "lazy_itable_init=0,lazy_journal_init=0", path]
     else:
         command = ["mkfs.f2fs", "-q", "-f", "-w", str(SECTOR), path]
-    subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(command, check=True, capture_output=True, text=True)
 
 
 def copy_data(source, target, target_offset):

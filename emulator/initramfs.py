@@ -70,7 +70,8 @@ def collect(fs, additions):
     """Everything in the root: path without leading slash -> (mode, content)."""
     root = {name: (stat.S_IFDIR | 0o755, b"") for name in DIRECTORIES}
     root["bin/sh"] = (stat.S_IFLNK | 0o777, b"busybox")
-    files = {"init": os.path.join(ROOM, "init"), "bin/busybox": os.path.join(SYSROOT, "bin/busybox")}
+    files = {"init": os.path.join(ROOM, "init"),
+             "bin/busybox": os.path.join(SYSROOT, "bin/busybox")}
     modules = {os.path.basename(module) + ".ko": os.path.join(CACHE, f"kernel/modules/{module}.ko")
                for module in MACHINE_MODULES + FS_MODULES[fs]}
     files |= {f"modules/{name}": path for name, path in modules.items()}

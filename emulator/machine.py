@@ -21,8 +21,8 @@ def write_device_tree(path, properties):
     """Writes the machine's device tree with the given properties below /firmware added.
 
     properties: "android/compatible" -> bytes, as /proc/device-tree shows them."""
-    subprocess.run(["qemu-system-aarch64", *MACHINE, "-M", f"dumpdtb={option_path(path)}"], check=True,
-                   capture_output=True, text=True)
+    subprocess.run(["qemu-system-aarch64", *MACHINE, "-M", f"dumpdtb={option_path(path)}"],
+                   check=True, capture_output=True, text=True)
     source = subprocess.run(["dtc", "-q", "-I", "dtb", "-O", "dts", path], check=True,
                             capture_output=True, text=True).stdout
     for name, value in properties.items():
@@ -49,7 +49,8 @@ def disk_options(disk, log_writes=None, blkdebug=None, snapshot=False):
         top = "disk"
     else:
         # The machine that runs the emulator is not the one that loses power.
-        options = ["-blockdev", f"driver=file,node-name=file,filename={option_path(disk)},cache.no-flush=on"]
+        options = ["-blockdev", f"driver=file,node-name=file,cache.no-flush=on,"
+                                f"filename={option_path(disk)}"]
         top = "file"
     if log_writes:
         with open(log_writes, "wb"):
@@ -86,7 +87,8 @@ def run(shared, command_line, disk, device_tree, timeout):
         result = subprocess.run(options, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                 stderr=subprocess.STDOUT, timeout=timeout, check=False)
     except subprocess.TimeoutExpired:
-        raise MachineError(f"the device was still running after {timeout} s and was ended") from None
+        raise MachineError(f"the device was still running after {timeout} s and was ended"
+                           ) from None
     if result.returncode != 0:
         raise MachineError(f"QEMU ended with status {result.returncode}: "
                            + result.stdout.decode(errors="replace"))
