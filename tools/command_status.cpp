@@ -13,6 +13,7 @@
 struct chain_status {
     bootside_result result;
     bootside boot;
+    bool has_stream;  // the geometry is sound enough to look for files
     dump_reading dump;
     std::vector<dump_file> files;
 };
@@ -30,7 +31,8 @@ static chain_status examine(disk_image *image) {
     chain_status status = {};
     status.result = open_chain(image, &status.boot);
     bootside_walk walk;
-    if (chain_walk_start(&walk, &image->port) != bootside_ok) {
+    status.has_stream = chain_walk_start(&walk, &image->port) == bootside_ok;
+    if (!status.has_stream) {
         return status;
     }
     dump_sink sink;
@@ -69,7 +71,7 @@ static void print_text(const disk_image &image, const chain_status &status) {
     if (status.result != bootside_ok) {
         fmt::print("next         {}\n", next_step(status.result));
     }
-    if (has_geometry(status.result, walk)) {
+    if (status.has_stream) {
         print_files(status);
     }
 }
@@ -95,6 +97,8 @@ static void print_json(const chain_status &status) {
                          {"seed", walk.seed},
                          {"flags", walk.flags}};
         out["runs"] = status.boot.runs;
+    }
+    if (status.has_stream) {
         nlohmann::json files = nlohmann::json::array();
         for (const dump_file &file : status.files) {
             files.push_back({{"name", file.name}, {"size", file.size}, {"present", file.present}});

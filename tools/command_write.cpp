@@ -66,6 +66,7 @@ static int refuse(bootside_result result, const std::string &detail) {
 // Everything that can be judged before the first byte is written.
 static int check_dump(bootside *boot, const std::vector<input_file> &files, bool replace) {
     std::vector<uint64_t> sizes;
+    sizes.reserve(files.size());
     for (const input_file &file : files) {
         sizes.push_back(file.size);
     }

@@ -162,8 +162,8 @@ static bool open_disk(const image_options &options, bool writable, disk_image *i
     if (!read_gpt(disk, 512, options.data_name, &image->misc, &image->data) &&
         !read_gpt(disk, 4096, options.data_name, &image->misc, &image->data)) {
         *error = fmt::format(
-            "{} has no GPT with sectors of 512 or 4096 bytes; give partitions that "
-            "were pulled one by one with --misc and --data",
+            "{} has no GPT with sectors of 512 or 4096 bytes, or it is cut short; get "
+            "it anew, or give the partitions one by one with --misc and --data",
             options.disk);
         return false;
     }

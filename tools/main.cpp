@@ -71,7 +71,7 @@ static int run_command(const std::string &name, disk_image *image, const command
     return pull_command(image, line.pull);
 }
 
-int main(int argc, char **argv) {
+static int run(int argc, char **argv) {
     CLI::App app("Works on the crash-dump chain of a device that is off, in an image of its disk.");
     command_line line;
     add_commands(&app, &line);
@@ -99,4 +99,14 @@ int main(int argc, char **argv) {
     const int status = run_command(name, image.get(), line);
     close_disk_image(image.get());
     return status;
+}
+
+int main(int argc, char **argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &error) {
+        // The libraries' own failures: memory, or a standard output that is closed.
+        fputs(error.what(), stderr);
+        return exit_unreadable;
+    }
 }
