@@ -25,10 +25,10 @@ def format_userdata(path, fs):
     """Makes the file system on a partition image."""
     if fs == "ext4":
         # All initialised at once: the kernel would go on writing behind the tool's back.
-        command = ["mkfs.ext4", "-q", "-F", "-b", "4096", "-E",
+        command = ["mkfs.ext4", "-F", "-b", "4096", "-E",
                    "lazy_itable_init=0,lazy_journal_init=0", path]
     else:
-        command = ["mkfs.f2fs", "-q", "-f", "-w", str(SECTOR), path]
+        command = ["mkfs.f2fs", "-f", "-w", str(SECTOR), path]
     subprocess.run(command, check=True, capture_output=True, text=True)
 
 
