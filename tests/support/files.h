@@ -1,0 +1,33 @@
+// Whole files, for tests.  What cannot be done ends the test binary with the path's name.
+#ifndef TARNIX_TESTS_SUPPORT_FILES_H
+#define TARNIX_TESTS_SUPPORT_FILES_H
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+void make_directories(const std::string &path);
+
+// Creates or replaces the file, making the directories above it.
+void write_file(const std::string &path, const std::string &content);
+
+// Writes into the file at a byte offset, creating it or making it longer (with a hole) as needed.
+void write_file_at(const std::string &path, uint64_t offset, const std::string &content);
+
+// The content; "(no such file)" or the like when it cannot be read.
+std::string read_file(const std::string &path);
+
+// Bytes from `offset` on, as many of `length` as there are.
+std::string read_file_at(const std::string &path, uint64_t offset, size_t length);
+
+// Names in the directory, sorted, without "." and "..".
+std::vector<std::string> list_directory(const std::string &path);
+
+// A record's bytes as they lie on disk.
+template <typename Record>
+std::string bytes_of(const Record &record) {
+    return std::string(reinterpret_cast<const char *>(&record), sizeof(record));
+}
+
+#endif

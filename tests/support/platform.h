@@ -1,0 +1,55 @@
+// The platform under the code under test: properties in memory, the caller's uid, the file system's
+// answers to FIBMAP, and system calls that go wrong when a test says so.  The linker leads the
+// rooms' calls here.
+#ifndef TARNIX_TESTS_SUPPORT_PLATFORM_H
+#define TARNIX_TESTS_SUPPORT_PLATFORM_H
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+// Sets a property as the platform's init would, for __system_property_get and for libbase's
+// GetProperty alike.  "" unsets it.
+void set_property(const std::string &key, const std::string &value);
+
+struct fibmap_answer {
+    int block;      // device block
+    int error = 0;  // errno of a failing call; `block` is left in the caller's variable even so
+};
+
+// An answer to one system call: fail with `error`, or transfer no more than `limit` bytes.
+struct scripted_call {
+    int error;
+    size_t limit = SIZE_MAX;
+};
+constexpr scripted_call as_usual = {0};
+
+struct test_platform {
+    uid_t uid = 1000;                    // what getuid answers
+    bool refuses_property_sets = false;  // __system_property_set answers -1 and stores nothing
+    std::vector<fibmap_answer> fibmap;   // by file block, of any file; EINVAL behind the last
+    int fibmap_calls = 0;
+    // The calls that come: each takes the front of its queue; with an empty queue, as usual.
+    std::deque<scripted_call> reads;
+    std::deque<scripted_call> writes;
+    std::deque<scripted_call> seeks;
+    std::deque<scripted_call> fstatvfs_calls;
+};
+
+extern struct test_platform platform;
+
+// Answers for blocks that lie at the given places.
+std::vector<fibmap_answer> mapped_to(const std::vector<int> &blocks);
+
+// As on a device just started: empty directories, no properties, no log, no script.
+void start_fresh_device();
+
+// Runs `body` on a fresh device and in a process of its own, so that what one row of a table leaves
+// in process-wide variables never meets another.  `row` names the row in failures.
+void on_fresh_device(const std::string &row, const std::function<void()> &body);
+
+#endif
