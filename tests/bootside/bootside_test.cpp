@@ -16,7 +16,7 @@
 #include "tools/dump_stream.h"
 
 static const uint32_t block_length = 512;
-static const uint32_t payload = block_length - 12;
+static const uint64_t payload = block_length - 12;
 
 struct device {
     std::vector<unsigned char> misc = std::vector<unsigned char>(4096);
@@ -260,9 +260,9 @@ TEST(bootside, a_block_that_cannot_be_read_is_named_and_its_neighbours_do_not_ma
     device d;
     make_device(&d, blocks, 64);
     bootside boot;
-    d.unreadable = 31 * block_length;
+    d.unreadable = 31UL * block_length;
     EXPECT_EQ(bootside_ok, bootside_open(&boot, &d.port));
-    d.unreadable = 35 * block_length;
+    d.unreadable = 35UL * block_length;
     EXPECT_EQ(bootside_read_failed, bootside_open(&boot, &d.port));
     EXPECT_EQ(33U, boot.walk.fault.position);
     EXPECT_EQ(35U, boot.walk.fault.block);
@@ -279,7 +279,7 @@ TEST(bootside, a_chain_that_changes_after_it_was_opened_is_not_written_on) {
     make_device(&d, straight_chain(20), 1);
     bootside boot;
     ASSERT_EQ(bootside_ok, bootside_open(&boot, &d.port));
-    d.data[4 * block_length] ^= 1;
+    d.data[4UL * block_length] ^= 1;
     ASSERT_EQ(bootside_ok, bootside_begin_dump(&boot, 0));
     EXPECT_EQ(bootside_bad_block_magic, write_file(&boot, "a", pattern(5000), 100));
     EXPECT_EQ("PPP", d.log);

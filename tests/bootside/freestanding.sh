@@ -24,7 +24,8 @@ if [ -n "$strange$state" ]; then
     exit 1
 fi
 
-# The example stands in the chapter as its only block of C.
-sed -n '/^```c$/,/^```$/{/^```/!p}' "$root/docs/integration.md" >"$out/example.c"
+# The example is the chapter's block of C.
+sed -n '/^## Porting the boot side/,$p' "$root/docs/integration.md" |
+    awk '/^```c$/ { inside = 1; next } /^```$/ && inside { exit } inside' >"$out/example.c"
 test -s "$out/example.c"
 clang "${bare[@]}" -std=c11 -c "$out/example.c" -o "$out/example"
