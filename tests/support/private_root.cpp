@@ -116,6 +116,7 @@ void empty_device_directories() {
     mount_tmpfs("/data", "size=1G");
     mount_tmpfs("/dev/block", "");
     mount_tmpfs("/vendor", "");
+    make_directories("/tmp");  // where gtest keeps what a death test prints
     mount_tmpfs("/proc", "");
     // By its number too: the leak check at the end looks for its own process so.
     for (const std::string &name : {std::string("self"), std::to_string(getpid())}) {
