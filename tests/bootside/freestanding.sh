@@ -25,7 +25,8 @@ if [ -n "$strange$state" ]; then
 fi
 
 # The example is the chapter's block of C.
-sed -n '/^## Porting the boot side/,$p' "$root/docs/integration.md" |
-    awk '/^```c$/ { inside = 1; next } /^```$/ && inside { exit } inside' >"$out/example.c"
+awk '/^## / { chapter = /Porting the boot side/ }
+    /^```/ { inside = chapter && $0 == "```c"; next }
+    inside' "$root/docs/integration.md" >"$out/example.c"
 test -s "$out/example.c"
 clang "${bare[@]}" -std=c11 -c "$out/example.c" -o "$out/example"
