@@ -30,6 +30,7 @@ void set_property(const std::string &key, const std::string &value) {
 
 std::vector<fibmap_answer> mapped_to(const std::vector<int> &blocks) {
     std::vector<fibmap_answer> answers;
+    answers.reserve(blocks.size());
     for (int block : blocks) {
         answers.push_back({block});
     }

@@ -9,6 +9,7 @@
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "tests/support/files.h"
@@ -104,6 +105,19 @@ void mount_tmpfs(const char *path, const char *options) {
     make_directories(path);
     umount2(path, MNT_DETACH);  // what an earlier call put there, if anything
     if (mount("device", path, "tmpfs", 0, options) == -1) {
+        perror(path);
+        abort();
+    }
+}
+
+void leave_free(const char *path, uint64_t bytes) {
+    struct statvfs space;
+    // A size of 0 would lift the limit; the root directory takes no block itself.
+    bool done = statvfs(path, &space) == 0;
+    uint64_t size = (space.f_blocks - space.f_bfree) * space.f_frsize + bytes;
+    done = done && size != 0 &&
+           mount(nullptr, path, nullptr, MS_REMOUNT, ("size=" + std::to_string(size)).c_str()) == 0;
+    if (!done) {
         perror(path);
         abort();
     }

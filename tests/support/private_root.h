@@ -3,6 +3,8 @@
 #ifndef TARNIX_TESTS_SUPPORT_PRIVATE_ROOT_H
 #define TARNIX_TESTS_SUPPORT_PRIVATE_ROOT_H
 
+#include <stdint.h>
+
 #include <string>
 
 // Moves the process, for good, into a mount namespace and a root of its own that has the machine's
@@ -16,5 +18,9 @@ void empty_device_directories();
 // Lays a fresh tmpfs over the directory `path`, made when missing.  `options` as for mount -o:
 // "size=33G" is had on any machine.
 void mount_tmpfs(const char *path, const char *options);
+
+// Makes such a file system larger or smaller, until it has `bytes` of space left.  Counted in whole
+// blocks of 4096 bytes.
+void leave_free(const char *path, uint64_t bytes);
 
 #endif

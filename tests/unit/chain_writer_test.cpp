@@ -1,0 +1,256 @@
+#include <android-base/stringprintf.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "chain/block_header.h"
+#include "chain/chain_crc.h"
+#include "chain/chain_writer.h"
+#include "chain/progress.h"
+#include "tests/support/captured_log.h"
+#include "tests/support/chain_image.h"
+#include "tests/support/files.h"
+#include "tests/support/platform.h"
+
+using android::base::StringPrintf;
+
+static const uint32_t seed = 0x12345678;
+static const uint32_t misc_size = 8192;
+static const uint32_t anchor_offset = 3184;
+
+static std::string opening_lines(uint64_t map_size) {
+    return StringPrintf(
+        "I  block size: 4096 bytes\n"
+        "I  file size: %lu bytes, %lu full blocks available\n",
+        map_size, map_size / block_length);
+}
+
+static std::string first_header_line(const std::string &header_bytes) {
+    struct block_header header;
+    memcpy(&header, header_bytes.data(), sizeof(header));
+    return StringPrintf(
+        "I first block_header = {magic=0x6e684342, next_block=%#x, crc32=%#x}<no line end>\n",
+        header.next_block, header.crc32);
+}
+
+static std::string closing_lines(uint32_t first_block, uint64_t n) {
+    return StringPrintf(
+        "P persist.vendor.tarnix.map=valid\n"
+        "I block device: " DEVICE_PATH
+        "\n"
+        "I initial_block_header.magic        = 0x72644842\n"
+        "I initial_block_header.first_block  = %#x\n"
+        "I initial_block_header.block_length = 0x1000\n"
+        "I initial_block_header.n_blocks     = %#x\n"
+        "I initial_block_header.crc32        = 0x12345678\n"
+        "I initial_block_header.flags        = 0x1\n",
+        first_block, static_cast<unsigned>(n));
+}
+
+static void put(std::string *image, uint64_t offset, const std::string &bytes) {
+    image->replace(offset, bytes.size(), bytes);
+}
+
+struct written_header {
+    uint32_t block;
+    std::string bytes;
+};
+
+static std::vector<written_header> chain(const std::vector<uint32_t> &blocks) {
+    std::vector<written_header> headers;
+    for (size_t i = 0; i < blocks.size(); i++) {
+        headers.push_back({blocks[i], chain_headers(seed, blocks)[i]});
+    }
+    return headers;
+}
+
+// The header of `block`, with the CRC continued over its own link alone.
+static written_header link(uint32_t crc, uint32_t block, uint32_t next) {
+    return {block, chain_headers(crc, {block, next})[0]};
+}
+
+static uint32_t crc_of(const written_header &header) {
+    struct block_header record;
+    memcpy(&record, header.bytes.data(), sizeof(record));
+    return record.crc32;
+}
+
+TEST(chain_writer, headers_anchor_and_log) {
+    const uint64_t four = 4 * block_length;
+    const written_header first = link(seed, 5, 6);
+    // Header 2 fails: after a failing seek the CRC goes on from header 1, after a failing write it
+    // has moved over link 2 all the same.
+    const written_header after_seek = link(crc_of(first), 9, 3);
+    const written_header after_write = link(crc_of(chain({5, 6, 9, 3})[1]), 9, 3);
+    const struct {
+        const char *name;
+        uint64_t map_size;
+        std::vector<fibmap_answer> fibmap;
+        std::deque<scripted_call> seeks;
+        std::deque<scripted_call> writes;
+        int result;
+        std::vector<written_header> headers;  // all that changes on the device
+        const char *error;                    // behind the line of the first header
+    } rows[] = {
+        {"one block", block_length, {{5}}, {}, {}, 0, chain({5}), ""},
+        {"a partial block at the end",
+         four + 4095,
+         {{5}, {6}, {9}, {3}},
+         {},
+         {},
+         0,
+         chain({5, 6, 9, 3}),
+         ""},
+        {"interrupted and short",
+         four,
+         {{5}, {6}, {9}, {3}},
+         {{EINTR}, as_usual, {EINTR}, {EINTR}},
+         {{EINTR}, {0, 5}, {0, 1}},
+         0,
+         chain({5, 6, 9, 3}),
+         ""},
+        {"a hole at the start",
+         four,
+         {{0}, {6}, {9}, {3}},
+         {},
+         {},
+         -1,
+         {},
+         "E refusing to write to block 0\n"},
+        {"a hole in the middle",
+         four,
+         {{5}, {6}, {0}, {3}},
+         {},
+         {},
+         -1,
+         {first},
+         "E refusing to write to block 0\n"},
+        {"block 0 has no place", four, {{0, EIO}}, {}, {}, -1, {}, "E failed to find block 0\n"},
+        {"block 2 has no place",
+         four,
+         {{5}, {6}, {7, EIO}, {3}},
+         {},
+         {},
+         -1,
+         {first},
+         "E failed to find block 2\n"},
+        {"block 2 fails and is 0",
+         four,
+         {{5}, {6}, {0, EIO}, {3}},
+         {},
+         {},
+         -1,
+         {first},
+         "E refusing to write to block 0\n"},
+        {"a seek fails",
+         four,
+         {{5}, {6}, {9}, {3}},
+         {as_usual, {EIO}},
+         {},
+         0,
+         {first, after_seek, link(crc_of(after_seek), 3, 0)},
+         "E error seeking to block 00000006: Input/output error\n"},
+        {"a write fails",
+         four,
+         {{5}, {6}, {9}, {3}},
+         {},
+         {as_usual, {EIO}},
+         0,
+         {first, after_write, link(crc_of(after_write), 3, 0)},
+         "E error writing: Input/output error\n"},
+    };
+    for (const auto &row : rows) {
+        on_fresh_device(row.name, [&row] {
+            std::string device(16 * block_length, 'd');
+            std::string misc(misc_size, 'm');
+            write_file(DEVICE_PATH, device);
+            write_file(MISC_PATH, misc);
+            make_map_file(row.map_size);
+            platform.fibmap = row.fibmap;
+            platform.seeks = row.seeks;
+            platform.writes = row.writes;
+            chain_crc = seed;
+            EXPECT_EQ(row.result, raw_write_blocks(MAP_PATH, DEVICE_PATH));
+
+            std::string log =
+                opening_lines(row.map_size) + "I Opened " DEVICE_PATH " for writing\n";
+            if (!row.headers.empty()) {
+                log += first_header_line(row.headers[0].bytes);
+            }
+            log += row.error;
+            for (const written_header &header : row.headers) {
+                put(&device, header.block * block_length, header.bytes);
+            }
+            uint64_t n = row.map_size / block_length;
+            if (row.result == 0) {
+                log += closing_lines(5, n);
+                put(&misc, anchor_offset, anchor_bytes(5, static_cast<uint32_t>(n), seed, 1));
+                EXPECT_EQ(crc_of(row.headers.back()), chain_crc);
+                EXPECT_EQ(static_cast<int>(n), platform.fibmap_calls);
+            }
+            EXPECT_EQ(log, take_log());
+            EXPECT_TRUE(read_file(DEVICE_PATH) == device);
+            EXPECT_TRUE(read_file(MISC_PATH) == misc);
+        });
+    }
+}
+
+TEST(chain_writer, worked_chain) {
+    const std::vector<uint32_t> blocks = {0x8000, 0x8001, 0x9f00};
+    const struct block_header headers[] = {{block_header_magic, 0x8001, 0x80b7952a},
+                                           {block_header_magic, 0x9f00, 0x22381805},
+                                           {block_header_magic, 0, 0x08c9cdde}};
+    write_file(DEVICE_PATH, "");
+    make_map_file(3 * block_length);
+    platform.fibmap = {{0x8000}, {0x8001}, {0x9f00}};
+    chain_crc = seed;
+    // No misc, and a property store that refuses: neither makes the run fail.
+    platform.refuses_property_sets = true;
+    EXPECT_EQ(0, raw_write_blocks(MAP_PATH, DEVICE_PATH));
+    for (size_t i = 0; i < blocks.size(); i++) {
+        EXPECT_EQ(bytes_of(headers[i]),
+                  read_file_at(DEVICE_PATH, uint64_t{blocks[i]} * block_length, 12));
+    }
+}
+
+TEST(chain_writer, progress) {
+    on_fresh_device("20000 blocks", [] {
+        write_file(DEVICE_PATH, "");
+        make_map_file(20000 * block_length);
+        for (int i = 0; i < 20000; i++) {
+            platform.fibmap.push_back({5 + i % 8});
+        }
+        chain_crc = seed;
+        show_progress = 1;
+        EXPECT_EQ(0, raw_write_blocks(MAP_PATH, DEVICE_PATH));
+        EXPECT_EQ(opening_lines(20000 * block_length) + "I Opened " DEVICE_PATH " for writing\n" +
+                      first_header_line(chain_headers(seed, {5, 6})[0]) +
+                      "I 8192/20000\nI 16384/20000\nI 20000/20000\n" + closing_lines(5, 20000),
+                  take_log());
+    });
+}
+
+TEST(chain_writer, nothing_to_work_on) {
+    EXPECT_EQ(-1, raw_write_blocks(MAP_PATH, DEVICE_PATH));
+    EXPECT_EQ("E failed to stat " MAP_PATH "\n", take_log());
+
+    make_map_file(block_length - 1);
+    EXPECT_EQ(-1, raw_write_blocks(MAP_PATH, DEVICE_PATH));
+    EXPECT_EQ(opening_lines(block_length - 1) + "E 0 full blocks available in file\n", take_log());
+
+    // 2^32 blocks: the low half of their number is 0.
+    make_map_file(uint64_t{block_length} << 32);
+    EXPECT_EQ(-1, raw_write_blocks(MAP_PATH, DEVICE_PATH));
+    EXPECT_EQ(
+        "I  block size: 4096 bytes\n"
+        "I  file size: 17592186044416 bytes, 0 full blocks available\n"
+        "E 0 full blocks available in file\n",
+        take_log());
+
+    make_map_file(block_length);
+    EXPECT_EQ(-1, raw_write_blocks(MAP_PATH, DEVICE_PATH));
+    EXPECT_EQ(opening_lines(block_length) +
+                  "E failed to open blk_dev for writing: No such file or directory\n",
+              take_log());
+}
