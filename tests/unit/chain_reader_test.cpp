@@ -1,0 +1,163 @@
+#include "chain/chain_reader.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/captured_log.h"
+#include "tests/support/chain_image.h"
+#include "tests/support/files.h"
+#include "tests/support/platform.h"
+#include "tests/support/private_root.h"
+
+#define OUT_PATH "/data/out"
+
+// Block k of the device holds this byte throughout.
+static std::string block_of(uint32_t k) {
+    return std::string(block_length, static_cast<char>('A' + k % 50));
+}
+
+TEST(chain_reader, copies_the_blocks_of_the_device) {
+    const std::string before = "what was there before, longer than nothing";
+    const std::string opened = "I Opened " OUT_PATH " for writing\n";
+    const struct {
+        const char *name;
+        uint64_t map_size;
+        uint64_t free_blocks;  // where the device's node is
+        std::vector<fibmap_answer> fibmap;
+        std::deque<scripted_call> seeks;
+        std::deque<scripted_call> reads;
+        std::deque<scripted_call> writes;
+        int result;
+        std::string log;  // behind the line of the space
+        std::string out;
+    } rows[] = {
+        {"scattered, as many free as needed",
+         3 * block_length + 4095,
+         3,
+         {{100}, {101}, {7}},
+         {},
+         {},
+         {},
+         0,
+         opened,
+         block_of(100) + block_of(101) + block_of(7)},
+        {"one more free than needed",
+         3 * block_length,
+         4,
+         {{100}, {101}, {7}},
+         {},
+         {},
+         {},
+         -ESRCH,
+         "E raw_read_blocks: Not enough space available to write ramdump 4 avail, need 3 blocks\n",
+         before},
+        {"a hole is read from the start",
+         2 * block_length,
+         0,
+         {{100}, {0}},
+         {},
+         {},
+         {},
+         0,
+         opened,
+         block_of(100) + block_of(0)},
+        {"no whole block", 4095, 0, {}, {}, {}, {}, 0, opened, ""},
+        {"interrupted and short",
+         block_length,
+         0,
+         {{7}},
+         {{EINTR}, {EINTR}},
+         {{EINTR}, {0, 5}},
+         {{0, 4095}, {EINTR}},
+         0,
+         opened,
+         block_of(7)},
+        {"a block has no place",
+         2 * block_length,
+         0,
+         {{100}, {7, EIO}},
+         {},
+         {},
+         {},
+         -1,
+         opened + "E failed to find block 1\n",
+         block_of(100)},
+        {"a seek fails",
+         2 * block_length,
+         0,
+         {{7}, {100}},
+         {as_usual, {EIO}},
+         {},
+         {},
+         -1,
+         opened + "E error seeking to block 00000064: Input/output error\n",
+         block_of(7)},
+        {"a read fails",
+         2 * block_length,
+         0,
+         {{7}, {100}},
+         {},
+         {as_usual, {EIO}},
+         {},
+         -1,
+         opened + "E error reading: Input/output error\n",
+         block_of(7)},
+        {"a write fails",
+         2 * block_length,
+         0,
+         {{7}, {100}},
+         {},
+         {},
+         {as_usual, {ENOSPC}},
+         -1,
+         opened + "E error writing: No space left on device\n",
+         block_of(7)},
+    };
+    for (const auto &row : rows) {
+        on_fresh_device(row.name, [&] {
+            for (uint32_t k = 0; k < 102; k++) {
+                write_file_at(DEVICE_PATH, uint64_t{k} * block_length, block_of(k));
+            }
+            leave_free("/dev/block", row.free_blocks * block_length);
+            make_map_file(row.map_size);
+            write_file(OUT_PATH, before);
+            platform.fibmap = row.fibmap;
+            platform.seeks = row.seeks;
+            platform.reads = row.reads;
+            platform.writes = row.writes;
+            EXPECT_EQ(row.result, raw_read_blocks(MAP_PATH, DEVICE_PATH, OUT_PATH));
+            EXPECT_EQ("I Opened " DEVICE_PATH " for reading\nI raw_read_blocks: " +
+                          std::to_string(row.free_blocks) + " avail, " +
+                          std::to_string(row.map_size / block_length) + " blocks needed\n" +
+                          row.log,
+                      take_log());
+            EXPECT_TRUE(read_file(OUT_PATH) == row.out);
+        });
+    }
+}
+
+TEST(chain_reader, files_that_cannot_be_opened) {
+    EXPECT_EQ(-1, raw_read_blocks(MAP_PATH, DEVICE_PATH, OUT_PATH));
+    EXPECT_EQ("E failed to stat " MAP_PATH ": No such file or directory\n", take_log());
+
+    make_map_file(block_length);
+    EXPECT_EQ(-1, raw_read_blocks(MAP_PATH, DEVICE_PATH, OUT_PATH));
+    EXPECT_EQ("E failed to open blk_dev:" DEVICE_PATH " for reading: No such file or directory\n",
+              take_log());
+
+    write_file(DEVICE_PATH, block_of(0));
+    platform.fstatvfs_calls = {{ENOSYS}};
+    EXPECT_EQ(-ENOENT, raw_read_blocks(MAP_PATH, DEVICE_PATH, OUT_PATH));
+    EXPECT_EQ("I Opened " DEVICE_PATH
+              " for reading\n"
+              "E failed to get vfs stats: Function not implemented\n",
+              take_log());
+
+    leave_free("/dev/block", 0);
+    EXPECT_EQ(-1, raw_read_blocks(MAP_PATH, DEVICE_PATH, "/data/none/out"));
+    EXPECT_EQ("I Opened " DEVICE_PATH
+              " for reading\n"
+              "I raw_read_blocks: 0 avail, 1 blocks needed\n"
+              "E failed to open outfile:/data/none/out for writing: No such file or directory\n",
+              take_log());
+}
