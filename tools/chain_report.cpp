@@ -42,6 +42,11 @@ std::string next_step(bootside_result result) {
     switch (result) {
         case bootside_no_anchor:
             return "start the device once, so that tarnix builds its chain";
+        case bootside_bad_block_length:
+        case bootside_bad_block_count:
+            return "see that misc and the data partition are of the same device; if they are, "
+                   "delete "
+                   "the map file on the device and let tarnix build a new chain";
         case bootside_read_failed:
             return "get the image from the device anew";
         case bootside_write_failed:

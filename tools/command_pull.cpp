@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <map>
-#include <set>
 
 #include "bootside/chain_walk.h"
 #include "chain/initial_block_header.h"
@@ -24,7 +23,7 @@ struct pull_state {
     FILE *out;                                 // null while a file is skipped
     std::string path;                          // of `out`, for messages
     std::map<std::string, std::string> names;  // in the dump, and as written
-    std::set<std::string> used;                // as written
+    std::map<std::string, uint32_t> used;      // as written, and how often it was wanted
     std::vector<std::string> notes;            // printed once the progress bar is gone
     int status;
 };
@@ -39,13 +38,13 @@ static void note(pull_state *state, int status, const std::string &text) {
 static std::string choose_name(pull_state *state, const std::string &name) {
     const std::string safe = safe_name(name);
     std::string chosen = safe;
-    for (int n = 2; state->used.count(chosen) != 0; ++n) {
-        chosen = fmt::format("{}~{}", safe, n);
+    while (state->used.count(chosen) != 0) {
+        chosen = fmt::format("{}~{}", safe, ++state->used[safe]);
     }
     if (chosen != name) {
         note(state, exit_good, fmt::format("a file's name is unsafe, it is written as {}", chosen));
     }
-    state->used.insert(chosen);
+    state->used[chosen] = 1;
     state->names[name] = chosen;
     return chosen;
 }
@@ -124,6 +123,11 @@ static void judge(pull_state *state, const bootside_walk &walk, const dump_readi
         note(state, reading.stopped == bootside_read_failed ? exit_unreadable : exit_not_whole,
              fmt::format("the chain is {}; nothing can be had from behind it",
                          describe(*state, walk, reading.stopped, reading.stopped_at)));
+    }
+    if (reading.too_many) {
+        note(
+            state, exit_not_whole,
+            fmt::format("stopped after {} files: this is no dump that a device makes", most_files));
     }
     if (reading.files == 0) {
         note(state, pending ? exit_not_whole : exit_good, "the chain holds no file of a dump");

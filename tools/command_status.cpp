@@ -54,6 +54,9 @@ static void print_files(const chain_status &status) {
                    : file.size == 0 ? "  EMPTY: ends the dump"
                                     : "");
     }
+    if (status.dump.too_many) {
+        fmt::print("  and more: this is no dump that a device makes\n");
+    }
 }
 
 static void print_text(const disk_image &image, const chain_status &status) {

@@ -44,6 +44,10 @@ static bool begin_file(stream_state *state, const unsigned char *bytes) {
     if (header.magic != dump_file_header_magic) {
         return false;
     }
+    if (state->reading->files == most_files) {
+        state->reading->too_many = true;
+        return false;
+    }
     state->file = {name_in(bytes), header.size, 0};
     state->in_file = true;
     ++state->reading->files;
@@ -113,5 +117,5 @@ dump_reading read_dump_stream(bootside_walk *walk, const dump_sink &sink) {
 
 bool dump_is_whole(const dump_reading &reading) {
     return reading.stopped == bootside_ok && reading.doubted == bootside_ok &&
-           reading.cut_short == 0;
+           reading.cut_short == 0 && !reading.too_many;
 }

@@ -22,6 +22,9 @@ struct dump_sink {
     std::function<void(const dump_file &)> end;
 };
 
+// What a reader may have to remember of a hostile image is bounded by this.
+constexpr uint32_t most_files = 65536;
+
 struct dump_reading {
     // Why the reading ended before the dump's end: a block out of reach, or a file of no bytes
     // (which ends the device's extraction); bootside_ok at the end mark or at the chain's end.
@@ -31,6 +34,8 @@ struct dump_reading {
     bootside_result doubted;
     bootside_fault stopped_at;
     bootside_fault doubted_at;
+    bool
+        too_many;  // stopped at the most_files-th file: a stream of nothing but headers, not a dump
     uint32_t files;
     uint32_t cut_short;
 };

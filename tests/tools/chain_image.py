@@ -48,8 +48,16 @@ def seed_of_endless_chain(blocks):
 class Image:
     """`misc` and `data` are (path, byte offset); `arguments` name the images to tarnix-chain."""
 
-    def __init__(self, folder, blocks, length=4096, data_blocks=2048, seed=0x12345678, sector=None,
-                 fill=b"\xff"):
+    def __init__(
+        self,
+        folder,
+        blocks,
+        length=4096,
+        data_blocks=2048,
+        seed=0x12345678,
+        sector=None,
+        fill=b"\xff",
+    ):
         self.blocks, self.length, self.seed = list(blocks), length, seed
         if sector:
             self._make_disk(folder / "disk.img", data_blocks * length, sector)
@@ -75,7 +83,9 @@ class Image:
         table.write_text(script)
         # Of the two partitioners only fdisk can be told the sector size of an image.
         command = ["/sbin/fdisk", "-b", str(sector), path]
-        subprocess.run(command, input=f"I\n{table}\nw\n", text=True, check=True, capture_output=True)
+        subprocess.run(
+            command, input=f"I\n{table}\nw\n", text=True, check=True, capture_output=True
+        )
         self.misc, self.data, self.arguments = (path, MIB), (path, 2 * MIB), ["--disk", path]
 
     def set_anchor(self, **changes):
