@@ -21,20 +21,16 @@
 
 struct test_platform platform;
 
+const call_script undisturbed;
+const call_script first_fails = {{EIO}};
+const call_script second_fails = {as_usual, {EIO}};
+const call_script interrupted_and_short = {{EINTR}, {0, 5}, {EINTR}, {EINTR}, {0, 1}};
+
 static std::map<std::string, std::string> properties;
 
 void set_property(const std::string &key, const std::string &value) {
     properties[key] = value;
     android::base::SetProperty(key, value);
-}
-
-std::vector<fibmap_answer> mapped_to(const std::vector<int> &blocks) {
-    std::vector<fibmap_answer> answers;
-    answers.reserve(blocks.size());
-    for (int block : blocks) {
-        answers.push_back({block});
-    }
-    return answers;
 }
 
 void start_fresh_device() {
@@ -77,7 +73,7 @@ int __system_property_set(const char *name, const char *value) {
 }
 
 // Whether the call fails, with errno set; else `length` is cut as the script says.
-static bool scripted_failure(std::deque<scripted_call> *script, size_t *length) {
+static bool scripted_failure(call_script *script, size_t *length) {
     scripted_call call = as_usual;
     if (!script->empty()) {
         call = script->front();

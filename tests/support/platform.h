@@ -28,22 +28,26 @@ struct scripted_call {
 };
 constexpr scripted_call as_usual = {0};
 
+using call_script = std::deque<scripted_call>;
+// Scripts that many tests share: for the tables, where a name reads better than braces.
+extern const call_script undisturbed;            // no call goes wrong
+extern const call_script first_fails;            // EIO
+extern const call_script second_fails;           // EIO
+extern const call_script interrupted_and_short;  // EINTR and pieces, none of them an error
+
 struct test_platform {
     uid_t uid = 1000;                    // what getuid answers
     bool refuses_property_sets = false;  // __system_property_set answers -1 and stores nothing
     std::vector<fibmap_answer> fibmap;   // by file block, of any file; EINVAL behind the last
     int fibmap_calls = 0;
     // The calls that come: each takes the front of its queue; with an empty queue, as usual.
-    std::deque<scripted_call> reads;
-    std::deque<scripted_call> writes;
-    std::deque<scripted_call> seeks;
-    std::deque<scripted_call> fstatvfs_calls;
+    call_script reads;
+    call_script writes;
+    call_script seeks;
+    call_script fstatvfs_calls;
 };
 
 extern struct test_platform platform;
-
-// Answers for blocks that lie at the given places.
-std::vector<fibmap_answer> mapped_to(const std::vector<int> &blocks);
 
 // As on a device just started: empty directories, no properties, no log, no script.
 void start_fresh_device();

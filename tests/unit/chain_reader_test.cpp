@@ -19,99 +19,41 @@ static std::string block_of(uint32_t k) {
 TEST(chain_reader, copies_the_blocks_of_the_device) {
     const std::string before = "what was there before, longer than nothing";
     const std::string opened = "I Opened " OUT_PATH " for writing\n";
+    const std::vector<fibmap_answer> scattered = {{100}, {101}, {7}};
+    const std::vector<fibmap_answer> hole = {{100}, {0}};
+    const std::vector<fibmap_answer> lost = {{100}, {7, EIO}};
     const struct {
         const char *name;
         uint64_t map_size;
         uint64_t free_blocks;  // where the device's node is
         std::vector<fibmap_answer> fibmap;
-        std::deque<scripted_call> seeks;
-        std::deque<scripted_call> reads;
-        std::deque<scripted_call> writes;
+        call_script seeks;
+        call_script reads;
+        call_script writes;
         int result;
         std::string log;  // behind the line of the space
         std::string out;
     } rows[] = {
-        {"scattered, as many free as needed",
-         3 * block_length + 4095,
-         3,
-         {{100}, {101}, {7}},
-         {},
-         {},
-         {},
-         0,
-         opened,
-         block_of(100) + block_of(101) + block_of(7)},
-        {"one more free than needed",
-         3 * block_length,
-         4,
-         {{100}, {101}, {7}},
-         {},
-         {},
-         {},
+        {"as many blocks free as needed", 16383, 3, scattered, undisturbed, undisturbed,
+         undisturbed, 0, opened, block_of(100) + block_of(101) + block_of(7)},
+        {"one more free than needed", 12288, 4, scattered, undisturbed, undisturbed, undisturbed,
          -ESRCH,
          "E raw_read_blocks: Not enough space available to write ramdump 4 avail, need 3 blocks\n",
          before},
-        {"a hole is read from the start",
-         2 * block_length,
-         0,
-         {{100}, {0}},
-         {},
-         {},
-         {},
-         0,
-         opened,
+        {"a hole", 8192, 0, hole, undisturbed, undisturbed, undisturbed, 0, opened,
          block_of(100) + block_of(0)},
-        {"no whole block", 4095, 0, {}, {}, {}, {}, 0, opened, ""},
-        {"interrupted and short",
-         block_length,
-         0,
-         {{7}},
-         {{EINTR}, {EINTR}},
-         {{EINTR}, {0, 5}},
-         {{0, 4095}, {EINTR}},
-         0,
-         opened,
-         block_of(7)},
-        {"a block has no place",
-         2 * block_length,
-         0,
-         {{100}, {7, EIO}},
-         {},
-         {},
-         {},
-         -1,
-         opened + "E failed to find block 1\n",
-         block_of(100)},
-        {"a seek fails",
-         2 * block_length,
-         0,
-         {{7}, {100}},
-         {as_usual, {EIO}},
-         {},
-         {},
-         -1,
-         opened + "E error seeking to block 00000064: Input/output error\n",
-         block_of(7)},
-        {"a read fails",
-         2 * block_length,
-         0,
-         {{7}, {100}},
-         {},
-         {as_usual, {EIO}},
-         {},
-         -1,
-         opened + "E error reading: Input/output error\n",
-         block_of(7)},
-        {"a write fails",
-         2 * block_length,
-         0,
-         {{7}, {100}},
-         {},
-         {},
-         {as_usual, {ENOSPC}},
-         -1,
-         opened + "E error writing: No space left on device\n",
-         block_of(7)},
+        {"no whole block", 4095, 0, scattered, undisturbed, undisturbed, undisturbed, 0, opened,
+         ""},
+        {"interrupted", 4096, 0, scattered, interrupted_and_short, interrupted_and_short,
+         interrupted_and_short, 0, opened, block_of(100)},
+        {"no place for a block", 8192, 0, lost, undisturbed, undisturbed, undisturbed, -1,
+         opened + "E failed to find block 1\n", block_of(100)},
+        {"a seek fails", 8192, 0, scattered, second_fails, undisturbed, undisturbed, -1,
+         opened + "E error seeking to block 00000065: Input/output error\n", block_of(100)},
+        {"a read fails", 8192, 0, scattered, undisturbed, second_fails, undisturbed, -1,
+         opened + "E error reading: Input/output error\n", block_of(100)},
+        {"a write fails", 8192, 0, scattered, undisturbed, undisturbed, second_fails, -1,
+         opened + "E error writing: Input/output error\n", block_of(100)},
     };
     for (const auto &row : rows) {
         on_fresh_device(row.name, [&] {
@@ -140,6 +82,12 @@ TEST(chain_reader, files_that_cannot_be_opened) {
     EXPECT_EQ(-1, raw_read_blocks(MAP_PATH, DEVICE_PATH, OUT_PATH));
     EXPECT_EQ("E failed to stat " MAP_PATH ": No such file or directory\n", take_log());
 
+    make_unopenable(MAP_PATH);
+    EXPECT_EQ(-1, raw_read_blocks(MAP_PATH, DEVICE_PATH, OUT_PATH));
+    EXPECT_EQ("E failed to open infile:" MAP_PATH " for reading: No such device or address\n",
+              take_log());
+
+    start_fresh_device();
     make_map_file(block_length);
     EXPECT_EQ(-1, raw_read_blocks(MAP_PATH, DEVICE_PATH, OUT_PATH));
     EXPECT_EQ("E failed to open blk_dev:" DEVICE_PATH " for reading: No such file or directory\n",

@@ -77,87 +77,52 @@ static uint32_t crc_of(const written_header &header) {
 }
 
 TEST(chain_writer, headers_anchor_and_log) {
-    const uint64_t four = 4 * block_length;
     const written_header first = link(seed, 5, 6);
     // Header 2 fails: after a failing seek the CRC goes on from header 1, after a failing write it
     // has moved over link 2 all the same.
     const written_header after_seek = link(crc_of(first), 9, 3);
     const written_header after_write = link(crc_of(chain({5, 6, 9, 3})[1]), 9, 3);
+    const std::vector<written_header> none;
+    const std::vector<written_header> one = chain({5});
+    const std::vector<written_header> all = chain({5, 6, 9, 3});
+    const std::vector<written_header> up_to_block_2 = {first};
+    const std::vector<written_header> around_seek = {first, after_seek,
+                                                     link(crc_of(after_seek), 3, 0)};
+    const std::vector<written_header> around_write = {first, after_write,
+                                                      link(crc_of(after_write), 3, 0)};
+    using answers = std::vector<fibmap_answer>;
+    const answers found = {{5}, {6}, {9}, {3}};
+    const answers hole_0 = {{0}, {6}, {9}, {3}};
+    const answers hole_2 = {{5}, {6}, {0}, {3}};
+    const answers lost_0 = {{0, EIO}};
+    const answers lost_2 = {{5}, {6}, {7, EIO}, {3}};
+    const answers lost_hole_2 = {{5}, {6}, {0, EIO}, {3}};
     const struct {
         const char *name;
         uint64_t map_size;
-        std::vector<fibmap_answer> fibmap;
-        std::deque<scripted_call> seeks;
-        std::deque<scripted_call> writes;
+        answers fibmap;
+        call_script seeks;
+        call_script writes;
         int result;
         std::vector<written_header> headers;  // all that changes on the device
         const char *error;                    // behind the line of the first header
     } rows[] = {
-        {"one block", block_length, {{5}}, {}, {}, 0, chain({5}), ""},
-        {"a partial block at the end",
-         four + 4095,
-         {{5}, {6}, {9}, {3}},
-         {},
-         {},
-         0,
-         chain({5, 6, 9, 3}),
-         ""},
-        {"interrupted and short",
-         four,
-         {{5}, {6}, {9}, {3}},
-         {{EINTR}, as_usual, {EINTR}, {EINTR}},
-         {{EINTR}, {0, 5}, {0, 1}},
-         0,
-         chain({5, 6, 9, 3}),
-         ""},
-        {"a hole at the start",
-         four,
-         {{0}, {6}, {9}, {3}},
-         {},
-         {},
-         -1,
-         {},
+        {"one block", 4096, found, undisturbed, undisturbed, 0, one, ""},
+        {"a partial block at the end", 20479, found, undisturbed, undisturbed, 0, all, ""},
+        {"interrupted", 16384, found, interrupted_and_short, interrupted_and_short, 0, all, ""},
+        {"a hole at the start", 16384, hole_0, undisturbed, undisturbed, -1, none,
          "E refusing to write to block 0\n"},
-        {"a hole in the middle",
-         four,
-         {{5}, {6}, {0}, {3}},
-         {},
-         {},
-         -1,
-         {first},
+        {"a hole in the middle", 16384, hole_2, undisturbed, undisturbed, -1, up_to_block_2,
          "E refusing to write to block 0\n"},
-        {"block 0 has no place", four, {{0, EIO}}, {}, {}, -1, {}, "E failed to find block 0\n"},
-        {"block 2 has no place",
-         four,
-         {{5}, {6}, {7, EIO}, {3}},
-         {},
-         {},
-         -1,
-         {first},
+        {"no place for block 0", 16384, lost_0, undisturbed, undisturbed, -1, none,
+         "E failed to find block 0\n"},
+        {"no place for block 2", 16384, lost_2, undisturbed, undisturbed, -1, up_to_block_2,
          "E failed to find block 2\n"},
-        {"block 2 fails and is 0",
-         four,
-         {{5}, {6}, {0, EIO}, {3}},
-         {},
-         {},
-         -1,
-         {first},
+        {"block 2 fails and is 0", 16384, lost_hole_2, undisturbed, undisturbed, -1, up_to_block_2,
          "E refusing to write to block 0\n"},
-        {"a seek fails",
-         four,
-         {{5}, {6}, {9}, {3}},
-         {as_usual, {EIO}},
-         {},
-         0,
-         {first, after_seek, link(crc_of(after_seek), 3, 0)},
+        {"a seek fails", 16384, found, second_fails, undisturbed, 0, around_seek,
          "E error seeking to block 00000006: Input/output error\n"},
-        {"a write fails",
-         four,
-         {{5}, {6}, {9}, {3}},
-         {},
-         {as_usual, {EIO}},
-         0,
-         {first, after_write, link(crc_of(after_write), 3, 0)},
+        {"a write fails", 16384, found, undisturbed, second_fails, 0, around_write,
          "E error writing: Input/output error\n"},
     };
     for (const auto &row : rows) {

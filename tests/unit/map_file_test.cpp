@@ -16,81 +16,42 @@
 
 using android::base::StringPrintf;
 
+#define CREATING(size) "I Creating reserved area " size " bytes\n"
+
 TEST(map_file, creation) {
     const uint64_t mib = 1048576;
+    const size_t as_before = SIZE_MAX;
     const struct {
         const char *name;
         uint64_t size;
         uint64_t space;  // of the data partition
-        std::deque<scripted_call> writes;
+        call_script writes;
         int result;
         const char *log;  // behind the line of the available space
-        size_t left;      // bytes of 0xFF in the file afterwards; old_file: as it was before
+        size_t left;      // bytes of 0xFF in the file afterwards
     } rows[] = {
         // The check for size 0 comes after the open, which has truncated the old file.
-        {"nothing asked for", 0, mib, {}, -1, "E auto create is not supported yet!!\n", 0},
-        {"less than a chunk", 7, mib, {}, 0, "I Creating reserved area 7 bytes\nI 0/0\n", 7},
-        {"whole chunks",
-         131072,
-         mib,
-         {},
-         0,
-         "I Creating reserved area 131072 bytes\nI 0/2\nI 2/2\n",
-         131072},
-        {"chunks and a rest",
-         131079,
-         mib,
-         {},
-         0,
-         "I Creating reserved area 131079 bytes\nI 0/2\nI 2/2\n",
+        {"nothing", 0, mib, undisturbed, -1, "E auto create is not supported yet!!\n", 0},
+        {"less than a chunk", 7, mib, undisturbed, 0, CREATING("7") "I 0/0\n", 7},
+        {"two chunks", 131072, mib, undisturbed, 0, CREATING("131072") "I 0/2\nI 2/2\n", 131072},
+        {"chunks and a rest", 131079, mib, undisturbed, 0, CREATING("131079") "I 0/2\nI 2/2\n",
          131079},
-        {"a progress line every 256 chunks",
-         257 * 65536,
-         32 * mib,
-         {},
-         0,
-         "I Creating reserved area 16842752 bytes\nI 0/257\nI 256/257\nI 257/257\n",
-         257 * 65536},
-        {"all the space there is",
-         mib,
-         mib,
-         {},
-         0,
-         "I Creating reserved area 1048576 bytes\nI 0/16\nI 16/16\n",
-         mib},
-        {"one byte more than there is",
-         mib + 1,
-         mib,
-         {},
-         -1,
+        {"a progress line every 256 chunks", 16842752, 32 * mib, undisturbed, 0,
+         CREATING("16842752") "I 0/257\nI 256/257\nI 257/257\n", 16842752},
+        {"all the space", mib, mib, undisturbed, 0, CREATING("1048576") "I 0/16\nI 16/16\n", mib},
+        {"one byte more", mib + 1, mib, undisturbed, -1,
          "E create_file: Not enough space available to create ramdump file: " MAP_PATH
          ", avail space: 1048576, requested size: 1048577\n",
-         SIZE_MAX},
-        {"short and interrupted writes",
-         65540,
-         mib,
-         {{0, 100}, {EINTR}, as_usual, {EINTR}, {0, 1}},
-         0,
-         "I Creating reserved area 65540 bytes\nI 0/1\nI 1/1\n",
+         as_before},
+        {"interrupted", 65540, mib, interrupted_and_short, 0, CREATING("65540") "I 0/1\nI 1/1\n",
          65540},
-        {"a chunk cannot be written",
-         131072,
-         mib,
-         {as_usual, {ENOSPC}},
-         -1,
-         "I Creating reserved area 131072 bytes\nI 0/2\n"
-         "E error writing: No space left on device\n",
-         65536},
-        {"the rest cannot be written",
-         65537,
-         mib,
-         {as_usual, {EIO}},
-         -1,
-         "I Creating reserved area 65537 bytes\nI 0/1\nE error writing: Input/output error\n",
-         65536},
+        {"a chunk fails", 131072, mib, second_fails, -1,
+         CREATING("131072") "I 0/2\nE error writing: Input/output error\n", 65536},
+        {"the rest fails", 65537, mib, second_fails, -1,
+         CREATING("65537") "I 0/1\nE error writing: Input/output error\n", 65536},
     };
     for (const auto &row : rows) {
-        on_fresh_device(row.name, [&row] {
+        on_fresh_device(row.name, [&] {
             umask(0);
             mount_tmpfs("/data", StringPrintf("size=%lu", row.space).c_str());
             make_map_file(5);
@@ -102,7 +63,7 @@ TEST(map_file, creation) {
                 StringPrintf("E get_directory_available_space: available_space: %lu\n", row.space) +
                     row.log,
                 take_log());
-            bool untouched = row.left == SIZE_MAX;
+            bool untouched = row.left == as_before;
             EXPECT_TRUE(read_file(MAP_PATH) ==
                         (untouched ? std::string(5, '\0') : std::string(row.left, '\xFF')));
             struct stat made;
@@ -140,37 +101,38 @@ TEST(map_file, no_place_for_it) {
 }
 
 TEST(transfer, repeats_until_all_is_done) {
+    const call_script no_progress = {{0, 0}, {0, 3}, {0, 0}};
+    const call_script no_space_then = {{0, 3}, {ENOSPC}};
     const struct {
         const char *name;
-        std::deque<scripted_call> calls;
-        int result;
-        const char *reason;
+        call_script calls;
+        const char *failure;  // null: none
     } rows[] = {
-        {"at once", {}, 0, nullptr},
-        {"in pieces", {{0, 3}, {0, 1}}, 0, nullptr},
-        {"interrupted", {{EINTR}, {0, 3}, {EINTR}, {EINTR}}, 0, nullptr},
-        {"no progress for a while", {{0, 0}, {0, 3}, {0, 0}}, 0, nullptr},
-        {"failing at once", {{EIO}}, -1, "Input/output error"},
-        {"failing in the middle", {{0, 3}, {ENOSPC}}, -1, "No space left on device"},
+        {"at once", undisturbed, nullptr},
+        {"interrupted", interrupted_and_short, nullptr},
+        {"no progress for a while", no_progress, nullptr},
+        {"failing at once", first_fails, "Input/output error"},
+        {"failing in the middle", no_space_then, "No space left on device"},
     };
     for (const auto &row : rows) {
-        on_fresh_device(row.name, [&row] {
+        on_fresh_device(row.name, [&] {
             write_file("/data/file", "0123456789");
             int fd = open("/data/file", O_RDWR);
+            int result = row.failure == nullptr ? 0 : -1;
             platform.reads = row.calls;
             char buffer[11] = "..........";
-            EXPECT_EQ(row.result, read_retry(fd, buffer, 10));
+            EXPECT_EQ(result, read_retry(fd, buffer, 10));
             lseek(fd, 0, SEEK_SET);
             platform.writes = row.calls;
-            EXPECT_EQ(row.result, write_retry(fd, "abcdefghij", 10));
+            EXPECT_EQ(result, write_retry(fd, "abcdefghij", 10));
             EXPECT_EQ(0, read_retry(fd, buffer, 0) + write_retry(fd, buffer, 0));
-            if (row.result == 0) {
+            if (result == 0) {
                 EXPECT_STREQ("0123456789", buffer);
                 EXPECT_EQ("abcdefghij", read_file("/data/file"));
                 EXPECT_EQ("", take_log());
             } else {
-                EXPECT_EQ(StringPrintf("E error reading: %s\nE error writing: %s\n", row.reason,
-                                       row.reason),
+                EXPECT_EQ(StringPrintf("E error reading: %s\nE error writing: %s\n", row.failure,
+                                       row.failure),
                           take_log());
             }
             close(fd);
