@@ -56,4 +56,12 @@ void start_fresh_device();
 // in process-wide variables never meets another.  `row` names the row in failures.
 void on_fresh_device(const std::string &row, const std::function<void()> &body);
 
+// A test whose body has a fresh device and a process of its own, as above.
+#define DEVICE_TEST(suite, name)                \
+    static void suite##_##name();               \
+    TEST(suite, name) {                         \
+        on_fresh_device(#name, suite##_##name); \
+    }                                           \
+    static void suite##_##name()
+
 #endif

@@ -5,7 +5,7 @@
 #include "tests/support/files.h"
 #include "tests/support/platform.h"
 
-TEST(block_device_lookup, first_entry_that_contains_the_path) {
+DEVICE_TEST(block_device_lookup, first_entry_that_contains_the_path) {
     const std::string map_path = "/data/vendor/ramdump/ramdump.map";
     const struct {
         const char *name;
@@ -45,7 +45,7 @@ TEST(block_device_lookup, first_entry_that_contains_the_path) {
     device_fstab = nullptr;
 }
 
-TEST(block_device_lookup, encryption) {
+DEVICE_TEST(block_device_lookup, encryption) {
     const struct {
         const char *option;
         const char *state;

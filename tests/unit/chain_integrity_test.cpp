@@ -38,7 +38,7 @@ struct damage {
     const char *bytes;
 };
 
-TEST(chain_integrity, walk) {
+DEVICE_TEST(chain_integrity, walk) {
     const std::vector<uint32_t> none;
     const std::vector<uint32_t> one = {0x8000};
     const std::vector<uint32_t> three = {0x8000, 0x8001, 0x9f00};
@@ -108,7 +108,7 @@ TEST(chain_integrity, walk) {
     }
 }
 
-TEST(chain_integrity, files_that_cannot_be_opened) {
+DEVICE_TEST(chain_integrity, files_that_cannot_be_opened) {
     const struct initial_block_header anchor = {
         initial_block_header_magic, 7, block_length, 0x63, seed, 1};
     const std::string no_map_block =

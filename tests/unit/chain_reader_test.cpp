@@ -16,7 +16,7 @@ static std::string block_of(uint32_t k) {
     return std::string(block_length, static_cast<char>('A' + k % 50));
 }
 
-TEST(chain_reader, copies_the_blocks_of_the_device) {
+DEVICE_TEST(chain_reader, copies_the_blocks_of_the_device) {
     const std::string before = "what was there before, longer than nothing";
     const std::string opened = "I Opened " OUT_PATH " for writing\n";
     const std::vector<fibmap_answer> scattered = {{100}, {101}, {7}};
@@ -78,7 +78,7 @@ TEST(chain_reader, copies_the_blocks_of_the_device) {
     }
 }
 
-TEST(chain_reader, files_that_cannot_be_opened) {
+DEVICE_TEST(chain_reader, files_that_cannot_be_opened) {
     EXPECT_EQ(-1, raw_read_blocks(MAP_PATH, DEVICE_PATH, OUT_PATH));
     EXPECT_EQ("E failed to stat " MAP_PATH ": No such file or directory\n", take_log());
 

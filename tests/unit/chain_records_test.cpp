@@ -3,9 +3,10 @@
 #include "chain/chain_crc.h"
 #include "chain/initial_block_header.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/platform.h"
 
 // The values that a boot side checks its own CRC against.
-TEST(chain_records, crc_of_the_worked_chains) {
+DEVICE_TEST(chain_records, crc_of_the_worked_chains) {
     chain_crc = 0x12345678;
     EXPECT_EQ(0x80b7952aU, advance_chain_crc(0x8000, 0x8001));
     EXPECT_EQ(0x22381805U, advance_chain_crc(0x8001, 0x9f00));
@@ -16,7 +17,7 @@ TEST(chain_records, crc_of_the_worked_chains) {
     EXPECT_EQ(0xc40b7f46U, advance_chain_crc(0x8000, 0));
 }
 
-TEST(chain_records, anchor_printout) {
+DEVICE_TEST(chain_records, anchor_printout) {
     const struct initial_block_header anchor = {initial_block_header_magic, 0x8000, 4096, 3, 0, 3};
     const std::string fields =
         "I initial_block_header.magic        = 0x72644842\n"

@@ -76,7 +76,7 @@ static uint32_t crc_of(const written_header &header) {
     return record.crc32;
 }
 
-TEST(chain_writer, headers_anchor_and_log) {
+DEVICE_TEST(chain_writer, headers_anchor_and_log) {
     const written_header first = link(seed, 5, 6);
     // Header 2 fails: after a failing seek the CRC goes on from header 1, after a failing write it
     // has moved over link 2 all the same.
@@ -161,7 +161,7 @@ TEST(chain_writer, headers_anchor_and_log) {
     }
 }
 
-TEST(chain_writer, worked_chain) {
+DEVICE_TEST(chain_writer, worked_chain) {
     const std::vector<uint32_t> blocks = {0x8000, 0x8001, 0x9f00};
     const struct block_header headers[] = {{block_header_magic, 0x8001, 0x80b7952a},
                                            {block_header_magic, 0x9f00, 0x22381805},
@@ -179,7 +179,7 @@ TEST(chain_writer, worked_chain) {
     }
 }
 
-TEST(chain_writer, progress) {
+DEVICE_TEST(chain_writer, progress) {
     on_fresh_device("20000 blocks", [] {
         write_file(DEVICE_PATH, "");
         make_map_file(20000 * block_length);
@@ -196,7 +196,7 @@ TEST(chain_writer, progress) {
     });
 }
 
-TEST(chain_writer, nothing_to_work_on) {
+DEVICE_TEST(chain_writer, nothing_to_work_on) {
     EXPECT_EQ(-1, raw_write_blocks(MAP_PATH, DEVICE_PATH));
     EXPECT_EQ("E failed to stat " MAP_PATH "\n", take_log());
 

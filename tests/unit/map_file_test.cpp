@@ -18,7 +18,7 @@ using android::base::StringPrintf;
 
 #define CREATING(size) "I Creating reserved area " size " bytes\n"
 
-TEST(map_file, creation) {
+DEVICE_TEST(map_file, creation) {
     const uint64_t mib = 1048576;
     const size_t as_before = SIZE_MAX;
     const struct {
@@ -73,7 +73,7 @@ TEST(map_file, creation) {
     }
 }
 
-TEST(map_file, no_place_for_it) {
+DEVICE_TEST(map_file, no_place_for_it) {
     // The space is that of /data/vendor, wherever the file goes.
     EXPECT_EQ(-1, create_file("/vendor/map", 1));
     EXPECT_EQ(
@@ -100,7 +100,7 @@ TEST(map_file, no_place_for_it) {
         take_log());
 }
 
-TEST(transfer, repeats_until_all_is_done) {
+DEVICE_TEST(transfer, repeats_until_all_is_done) {
     const call_script no_progress = {{0, 0}, {0, 3}, {0, 0}};
     const call_script no_space_then = {{0, 3}, {ENOSPC}};
     const struct {

@@ -48,7 +48,7 @@ static std::string get(const char *key, const char *default_value, int *length) 
     return value;
 }
 
-TEST(properties, mask_by_caller) {
+DEVICE_TEST(properties, mask_by_caller) {
     const struct {
         uid_t uid;
         bool masked;
@@ -74,7 +74,7 @@ TEST(properties, mask_by_caller) {
     }
 }
 
-TEST(properties, defaults) {
+DEVICE_TEST(properties, defaults) {
     const std::string longest(91, 'v');
     const struct {
         const char *name;
@@ -103,7 +103,7 @@ TEST(properties, defaults) {
     }
 }
 
-TEST(properties, set_passes_the_result_on) {
+DEVICE_TEST(properties, set_passes_the_result_on) {
     int length = -1;
     EXPECT_EQ(0, property_set("debug.qor.tarnix", "done"));
     platform.refuses_property_sets = true;
