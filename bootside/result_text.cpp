@@ -13,7 +13,7 @@ const char *bootside_result_text(enum bootside_result result) {
         case bootside_flush_failed:
             return "a flush failed: the dump may be incomplete";
         case bootside_no_anchor:
-            return "there is no chain: the anchor's magic is not there";
+            return "the anchor's magic is not there";
         case bootside_bad_block_length:
             return "the anchor's block length is impossible";
         case bootside_bad_block_count:

@@ -33,7 +33,8 @@ std::string describe_verdict(const disk_image &image, bootside_result result,
     if (result == bootside_read_failed) {
         return fmt::format("unreadable at {}: {}", place, image.error);
     }
-    return fmt::format("broken at {}: {}: expected {}, found {}", place,
+    return fmt::format("{} at {}: {}: expected {}, found {}",
+                       result == bootside_no_anchor ? "missing" : "broken", place,
                        bootside_result_text(result), describe_value(result, fault.expected),
                        describe_value(result, fault.found));
 }
