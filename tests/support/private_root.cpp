@@ -127,7 +127,7 @@ void empty_device_directories() {
     if (chdir("/") == -1) {
         abort();
     }
-    mount_tmpfs("/data", "size=1G");
+    mount_tmpfs("/data", "size=1G,mode=755");
     mount_tmpfs("/dev/block", "");
     mount_tmpfs("/vendor", "");
     make_directories("/tmp");  // where gtest keeps what a death test prints
