@@ -6,8 +6,8 @@
 
 #include "config/log.h"
 
-// A transfer of 0 bytes is neither an end nor an error here, on purpose: the callers ask only for
-// blocks that the device has, and simply ask again.
+// A transfer of 0 bytes is neither an end nor an error here, on purpose: the map file's blocks are
+// all on the device, so what is missing is simply asked for again.
 
 int read_retry(int fd, void *buffer, size_t length) {
     size_t done = 0;

@@ -69,8 +69,8 @@ static bool can_be_read(const char *path) {
     return true;
 }
 
-// Takes the anchor away before the old chain's blocks may belong to somebody else.  The record in
-// memory stays as it was read.
+// Takes the old chain's anchor away, now that its blocks are no longer the map file's.  The record
+// in memory stays as it was read.
 static void clear_anchor() {
     log_error("start to clear init header!!\n");
     const struct initial_block_header cleared = {};

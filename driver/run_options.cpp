@@ -11,7 +11,7 @@
 const char default_map_path[] = "/data/vendor/ramdump/ramdump.map";
 
 void help(char *argv[]) {
-    // Kept as it is, though -a and -s are missing above, -a takes a size, and -c alone creates
+    // Kept as it is, though the first line lacks -a and -s, -a takes a size, and -c alone creates
     // nothing: scripts match these lines.
     log_info("usage: %s [-p] [-r <out file>] [-c <size>] [-t] [-i <crc>] <block file>\n", argv[0]);
     log_info("    -r <out file> read from raw block of <block file> to <out file>\n");

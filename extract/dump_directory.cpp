@@ -45,7 +45,7 @@ void _mkdir(const char *path) {
     make_directory(prefix, false);
 }
 
-// Not by type: a plain file takes part in the numbering too, and is in the way of no one.
+// Not by type: a plain file counts as well, so that a new directory does not get a taken name.
 static int filter(const struct dirent *entry) {
     return entry->d_name[0] != '.';
 }

@@ -105,8 +105,8 @@ static FILE *partition_stream;
 
 static void close_partition() {
     if (partition_stream != nullptr) {
-        // The chain's callers go on whatever became of the anchor: a lost write shows as a
-        // missing chain on the next run.
+        // The chain's callers go on whatever became of the anchor: the next run goes by what is
+        // in the partition then.
         (void)fclose(partition_stream);
         partition_stream = nullptr;
     }
