@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "chain/block_header.h"
 #include "chain/block_look_ahead.h"
 #include "chain/block_map.h"
@@ -93,8 +95,9 @@ int raw_write_blocks(const char *file, const char *blkdev) {
     }
     log_info("Opened %s for writing\n", blkdev);
 
+    // Block 0 has its header also where the count, of 8 TiB or more, is negative in 32 bits.
     struct block_look_ahead blocks;
-    start_look_ahead(&blocks, map_fd, device_fd, static_cast<uint64_t>(block_size), n);
+    start_look_ahead(&blocks, map_fd, device_fd, static_cast<uint64_t>(block_size), std::max(n, 1));
     struct mapped_block first = take_block(&blocks, 0);
     if (first.result != 0) {
         log_error("failed to find block 0\n");
