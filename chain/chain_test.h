@@ -10,7 +10,7 @@ struct initial_block_header;
 //
 // 0 when the end of the chain was reached, CRC mismatches included; -1 when the file or the device
 // cannot be read, -ENOENT at a wrong magic; each with a line in the log.  A chain whose links form
-// a cycle is walked for ever.
+// a cycle is walked for ever, and a link to the very end of the device is read for ever.
 int test_block_chain(const char *path, const char *blkdev,
                      const struct initial_block_header *anchor);
 

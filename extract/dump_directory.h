@@ -14,8 +14,8 @@ extern char permission_path[dump_path_size];
 
 // Makes the next dump directory under /data/vendor/ramdump/apq/ and sets the two paths above; then
 // removes the oldest ones, so that one dump stays in all, or two where the file system is larger
-// than 32 GiB.  0; -1 when the base directory cannot be listed, with nothing changed.  Everything
-// else that fails is logged and passed over.
+// than 32 GiB.  0; -1 when the base directory cannot be listed, with both paths as they were.
+// Everything else that fails is logged and passed over.
 int config_ramdump_path();
 
 // Creates the directory `path` and its missing ancestors, mode 0777; those that exist get that mode

@@ -10,8 +10,9 @@
 struct initial_block_header;
 
 // Opens the partition of item `mfg_item` for reading and writing, and gives the item's place in it
-// in bytes.  0 with the stream left open for the transfer that follows; -1, with nothing left open,
-// when there is no such item or the partition does not open.
+// in bytes.  0 with the stream left open for the transfers below, which call this themselves: no
+// one else can use or close it.  -1, with nothing left open, when there is no such item or the
+// partition does not open.
 int mfg_open(int mfg_item, uint32_t *offset, uint32_t *length);
 
 // Reads or writes one item.  Always moves the item's whole length, whatever `len` says, so `buf`
