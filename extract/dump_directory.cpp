@@ -31,11 +31,9 @@ static void make_directory(const char *path, bool keep_mode) {
 }
 
 void _mkdir(const char *path) {
-    char prefix[working_path_size];
+    // Cleared, since the walk starts at the second character, of an empty path too.
+    char prefix[working_path_size] = {};
     copy_directory_path(prefix, path);
-    if (prefix[0] == '\0') {
-        return;
-    }
     for (char *slash = strchr(prefix + 1, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
         *slash = '\0';
         // The mode of /data itself is the system's.
