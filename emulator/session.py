@@ -74,7 +74,8 @@ def start(device, shared, description, script, additions, disk, timeout):
 def service_script(description, runs, options):
     """The session of a boot. runs: the argument lists of the tool's runs."""
     lines = ["fill_properties", f"mount_data {description['fs']} {MOUNT_OPTIONS}"]
-    lines += [f"make_directory {path} {mode:o}" for path, mode in service.DIRECTORIES]
+    lines += [f"make_directory {path} {mode:o} {owner}"
+              for path, mode, owner in service.DIRECTORIES]
     lines += ["script before"] if options.before else []
     lines += [shlex.join(["run", str(number), str(options.uid), *shlex.split(options.wrap),
                           service.TOOL, *arguments]) for number, arguments in enumerate(runs, 1)]
