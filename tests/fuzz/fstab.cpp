@@ -1,0 +1,73 @@
+// The fstab, and the lookup of the map file's device in it.
+//
+// Input: the file.
+#include <android-base/logging.h>
+#include <android-base/properties.h>
+#include <assert.h>
+#include <ctype.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "chain/block_device_lookup.h"
+#include "fs_mgr/fs_mgr_fstab.h"
+
+static int file;
+static std::string file_path;
+
+// Whether a reservedsize= overflows 64 bits.  That ends the process on purpose: no finding.
+static bool aborts_on_purpose(const std::string &text) {
+    static const std::string option = "reservedsize=";
+    static const std::string units = "kmg";
+    for (size_t at = text.find(option); at != std::string::npos; at = text.find(option, at + 1)) {
+        char *unit = nullptr;
+        const uint64_t number = strtoull(&text[at + option.size()], &unit, 10);
+        const size_t rank = units.find(static_cast<char>(tolower(*unit)));
+        if (rank != std::string::npos && number > UINT64_MAX >> (10 * (rank + 1))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The strings of options that a later one of the line replaces stay allocated, on purpose.
+extern "C" const char *__asan_default_options() {
+    return "detect_leaks=0";
+}
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+    android::base::SetLogger([](auto...) {});
+    android::base::SetProperty("ro.boot.slot_suffix", "_a");
+    file = memfd_create("fstab", MFD_CLOEXEC);
+    file_path = "/proc/self/fd/" + std::to_string(file);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    if (aborts_on_purpose(std::string(reinterpret_cast<const char *>(data), size)) ||
+        ftruncate(file, 0) != 0 || pwrite(file, data, size, 0) != static_cast<ssize_t>(size)) {
+        return -1;
+    }
+    device_fstab = fs_mgr_read_fstab(file_path.c_str());
+    if (device_fstab == nullptr) {
+        return 0;
+    }
+    assert(device_fstab->num_entries > 0);
+    int encryptable = 2;
+    int encrypted = 2;
+    const char *device = find_block_device("/data/ramdump.map", &encryptable, &encrypted);
+    assert(device == nullptr || encrypted <= encryptable);
+    for (int32_t i = 0; i < device_fstab->num_entries; i++) {
+        const fstab_rec *rec = &device_fstab->recs[i];
+        assert(rec->blk_device != nullptr && rec->mount_point != nullptr);
+        assert(rec->fs_options == nullptr || strlen(rec->fs_options) < 1024);
+        for (const uint32_t block_size : {rec->erase_blk_size, rec->logical_blk_size}) {
+            assert(block_size == 0 || (block_size >= 4096 && (block_size & (block_size - 1)) == 0));
+        }
+        free(rec->verity_loc);  // the table leaves it to its user
+    }
+    fs_mgr_free_fstab(device_fstab);
+    return 0;
+}
