@@ -113,8 +113,8 @@ static void print_json(const chain_status &status) {
     if (status.result != bootside_ok) {
         out["fault"] = fault_json(status);
     }
-    // Names come from the disk and may be no UTF-8.
-    fmt::print("{}\n", out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+    // Names come from the disk: they may be no UTF-8, or, as UTF-8, move a terminal's cursor.
+    fmt::print("{}\n", out.dump(2, ' ', true, nlohmann::json::error_handler_t::replace));
 }
 
 int status_command(disk_image *image, bool json) {
