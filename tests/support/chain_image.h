@@ -11,7 +11,7 @@
 #define DEVICE_PATH "/dev/block/bootdevice/by-name/userdata"
 #define MISC_PATH "/dev/block/bootdevice/by-name/misc"
 
-constexpr uint32_t block_length = 4096;  // st_blksize of every file here
+constexpr uint64_t block_length = 4096;  // st_blksize of every file here
 
 // What a chain of `blocks` holds at the start of each: one header's bytes a block.  The CRC is
 // worked out here, from zlib alone.

@@ -20,6 +20,9 @@ static const char new_root[] = "/sys";
 // The machine's /proc, for what the sanitizers and gtest read of their own process.
 static const char real_proc[] = "/.proc";
 
+// By its number: so the leak check at the end looks for its own process.
+static std::string test_binary_pid;
+
 static bool has_failed(int result, const char *step, std::string *reason) {
     if (result == -1) {
         *reason = std::string(step) + ": " + strerror(errno);
@@ -80,6 +83,7 @@ static std::string show(const std::string &path, std::string place = "") {
 }
 
 std::string enter_private_root() {
+    test_binary_pid = std::to_string(getpid());
     char program[PATH_MAX] = {};
     if (readlink("/proc/self/exe", program, sizeof(program) - 1) == -1) {
         return std::string("readlink /proc/self/exe: ") + strerror(errno);
@@ -132,8 +136,7 @@ void empty_device_directories() {
     mount_tmpfs("/vendor", "");
     make_directories("/tmp");  // where gtest keeps what a death test prints
     mount_tmpfs("/proc", "");
-    // By its number too: the leak check at the end looks for its own process so.
-    for (const std::string &name : {std::string("self"), std::to_string(getpid())}) {
+    for (const std::string &name : {std::string("self"), test_binary_pid}) {
         if (symlink((real_proc + ("/" + name)).c_str(), ("/proc/" + name).c_str()) == -1) {
             abort();
         }

@@ -85,7 +85,7 @@ DEVICE_TEST(chain_integrity, walk) {
             write_file(DEVICE_PATH, "");
             std::vector<std::string> headers = chain_headers(seed, row.blocks);
             for (size_t i = 0; i < headers.size(); i++) {
-                write_file_at(DEVICE_PATH, uint64_t{row.blocks[i]} * block_length, headers[i]);
+                write_file_at(DEVICE_PATH, row.blocks[i] * block_length, headers[i]);
             }
             for (const damage &damage : row.damages) {
                 write_file_at(DEVICE_PATH, damage.block * block_length + damage.offset,

@@ -58,7 +58,7 @@ DEVICE_TEST(chain_reader, copies_the_blocks_of_the_device) {
     for (const auto &row : rows) {
         on_fresh_device(row.name, [&] {
             for (uint32_t k = 0; k < 102; k++) {
-                write_file_at(DEVICE_PATH, uint64_t{k} * block_length, block_of(k));
+                write_file_at(DEVICE_PATH, k * block_length, block_of(k));
             }
             leave_free("/dev/block", row.free_blocks * block_length);
             make_map_file(row.map_size);

@@ -174,8 +174,7 @@ DEVICE_TEST(chain_writer, worked_chain) {
     platform.refuses_property_sets = true;
     EXPECT_EQ(0, raw_write_blocks(MAP_PATH, DEVICE_PATH));
     for (size_t i = 0; i < blocks.size(); i++) {
-        EXPECT_EQ(bytes_of(headers[i]),
-                  read_file_at(DEVICE_PATH, uint64_t{blocks[i]} * block_length, 12));
+        EXPECT_EQ(bytes_of(headers[i]), read_file_at(DEVICE_PATH, blocks[i] * block_length, 12));
     }
 }
 
@@ -205,7 +204,7 @@ DEVICE_TEST(chain_writer, nothing_to_work_on) {
     EXPECT_EQ(opening_lines(block_length - 1) + "E 0 full blocks available in file\n", take_log());
 
     // 2^32 blocks: the low half of their number is 0.
-    make_map_file(uint64_t{block_length} << 32);
+    make_map_file(block_length << 32);
     EXPECT_EQ(-1, raw_write_blocks(MAP_PATH, DEVICE_PATH));
     EXPECT_EQ(
         "I  block size: 4096 bytes\n"

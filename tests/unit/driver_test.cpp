@@ -1,3 +1,4 @@
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -311,27 +312,27 @@ TEST(driver, modes_on_a_valid_map) {
 
 // The default map file is taken apart, whatever the command line names.
 TEST(driver, extraction) {
-    for (const std::string map : {MAP_PATH, "/data/another.map"}) {
-        on_fresh_device(map, [&map] {
+    for (const char *map : {MAP_PATH, "/data/another.map"}) {
+        on_fresh_device(map, [map] {
             prepare_device();
             put_anchor(0x87);
             put_dump();
             write_file("/data/another.map", "");
-            EXPECT_EQ(0, run("-s -i 1 " + map));
+            EXPECT_EQ(0, run(std::string("-s -i 1 ") + map));
             EXPECT_EQ(
-                START "E valid map file exists: " + map +
-                    "\n" CHAIN("00000001") PARSING("0x87") NEW_DIRECTORY READING
+                android::base::StringPrintf(
+                    START "E valid map file exists: %s\n" CHAIN("00000001") PARSING("0x87")
+                        NEW_DIRECTORY READING
                     "E get_directory_available_space: available_space: 1073741824\n"
                     "E Found file 'DDR.BIN', size 5\n"
                     "E full path: /data/vendor/ramdump/apq/00/DDR.BIN\n"
                     "E Found file '', size 0\n"
                     "I * bad magic, got 00000000, expecting 654c3146\n"
-                    "E main: grant permission to ramdump files: /data/vendor/ramdump/apq/00/, " +
-                    map +
-                    "\n" OPENED_UP
-                    "I _chmod: chmod for /data/vendor/ramdump/apq/00/DDR.BIN.\n"
+                    "E main: grant permission to ramdump files: /data/vendor/ramdump/apq/00/, "
+                    "%s\n" OPENED_UP "I _chmod: chmod for /data/vendor/ramdump/apq/00/DDR.BIN.\n"
                     "E main: grant permission to ramdump files finished\n"
                     "P debug.qor.tarnix=done\nI Success\n",
+                    map, map),
                 take_log());
             EXPECT_EQ("12345", read_file("/data/vendor/ramdump/apq/00/DDR.BIN"));
             EXPECT_TRUE(read_file(MISC_PATH) == misc_with(anchor_bytes(5, 2, seed, 1)));

@@ -1,3 +1,4 @@
+#include <android-base/stringprintf.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -178,15 +179,12 @@ DEVICE_TEST(dump_extraction, space_for_the_memory) {
             take_log();
             leave_free("/data", enough - 4096);
             EXPECT_EQ(-1, map_to_bin_files(MAP_PATH, DEVICE_PATH));
-            std::string space = std::to_string(enough - 4096);
-            EXPECT_EQ("I Opened " DEVICE_PATH
-                      " for reading\n"
-                      "E get_directory_available_space: available_space: " +
-                          space +
-                          "\n"
+            EXPECT_EQ(android::base::StringPrintf(
+                          "I Opened " DEVICE_PATH " for reading\n"
+                          "E get_directory_available_space: available_space: %lu\n"
                           "E Not enough space available to create ramdump file: " MAP_PATH
-                          ", avail space: " +
-                          space + ", requested size: " + std::to_string(row.required) + "\n",
+                          ", avail space: %lu, requested size: %lu\n",
+                          enough - 4096, enough - 4096, row.required),
                       take_log());
         });
     }

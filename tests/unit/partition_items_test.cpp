@@ -1,5 +1,6 @@
 #include "partitions/partition_items.h"
 
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -78,9 +79,10 @@ DEVICE_TEST(partition_items, every_item_at_its_place) {
         testing::internal::CaptureStdout();
         EXPECT_EQ(-EINVAL, mfg_emmc_read(item.id, &buffer[0], length + 1));
         EXPECT_EQ(-EINVAL, mfg_emmc_write(item.id, buffer.data(), length + 1));
-        std::string lengths = std::to_string(length + 1) + ", data_len=" + std::to_string(length);
-        EXPECT_EQ("Error: read data lengh too large, read_len=" + lengths +
-                      "\nError: write data lengh too large, write_len=" + lengths + "\n",
+        EXPECT_EQ(android::base::StringPrintf(
+                      "Error: read data lengh too large, read_len=%d, data_len=%d\n"
+                      "Error: write data lengh too large, write_len=%d, data_len=%d\n",
+                      length + 1, length, length + 1, length),
                   testing::internal::GetCapturedStdout());
         EXPECT_TRUE(read_file(path) == image);
     }
