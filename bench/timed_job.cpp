@@ -1,0 +1,93 @@
+// One job of the tool, by itself and timed: what `tarnix` does in one run, or across runs, taken
+// apart so that each job meets the caches as bench/run wants them.
+//
+//   timed_job create MAP SIZE            the map file's creation
+//   timed_job build MAP DEVICE           the chain
+//   timed_job straightforward MAP DEVICE the chain, without the look-ahead
+//   timed_job test MAP DEVICE            the integrity test
+//   timed_job copy MAP DEVICE OUT        the raw copy
+//   timed_job extract MAP DEVICE         the pending dump, up to the moment its flag may be cleared
+//
+// Prints, as one line of JSON, the job's seconds and the process's peak of resident memory in KiB.
+#include <android-base/file.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <chrono>
+#include <string>
+
+#include "bench/straightforward_writer.h"
+#include "chain/chain_reader.h"
+#include "chain/chain_test.h"
+#include "chain/chain_writer.h"
+#include "chain/initial_block_header.h"
+#include "chain/map_file.h"
+#include "extract/dump_directory.h"
+#include "extract/dump_stream.h"
+#include "extract/map_to_bin_files.h"
+#include "partitions/partition_items.h"
+
+// VmHWM, not getrusage: that one counts the process that this one was forked from as well.
+static long peak_kib() {
+    std::string status;
+    if (!android::base::ReadFileToString("/proc/self/status", &status)) {
+        return -1;
+    }
+    size_t at = status.find("VmHWM:");
+    return at == std::string::npos ? -1
+                                   : strtol(status.c_str() + at + strlen("VmHWM:"), nullptr, 10);
+}
+
+static int run_test(const char *map, const char *device) {
+    struct initial_block_header anchor = {};
+    int result = MISC_read_RamdumpInitHdr(&anchor);
+    return result != 0 ? result : test_block_chain(map, device, &anchor);
+}
+
+static int run_extraction(const char *map, const char *device) {
+    int result = map_to_bin_files(map, device);
+    sync_dump_files();
+    return result;
+}
+
+static int run_job(const std::string &job, char **arguments, int count) {
+    const char *map = arguments[0];
+    const char *second = arguments[1];
+    if (job == "create") {
+        return create_file(map, strtoull(second, nullptr, 10));
+    }
+    if (job == "build") {
+        return raw_write_blocks(map, second);
+    }
+    if (job == "straightforward") {
+        return write_straightforward(map, second);
+    }
+    if (job == "test") {
+        return run_test(map, second);
+    }
+    if (job == "copy" && count == 3) {
+        return raw_read_blocks(map, second, arguments[2]);
+    }
+    if (job == "extract") {
+        return run_extraction(map, second);
+    }
+    return -1;
+}
+
+int main(int argc, char *argv[]) {
+    if (argc < 4) {
+        fputs("timed_job: see the head of bench/timed_job.cpp\n", stderr);
+        return 2;
+    }
+    std::string job = argv[1];
+    // The new dump directory, and the old one's removal, are no part of the time.
+    if (job == "extract" && config_ramdump_path() != 0) {
+        return 1;
+    }
+    auto start = std::chrono::steady_clock::now();
+    int result = run_job(job, argv + 2, argc - 2);
+    std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+    printf("{\"seconds\": %.6f, \"peak_kib\": %ld}\n", seconds.count(), peak_kib());
+    return result == 0 ? 0 : 1;
+}
