@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/system_properties.h>
 #include <sys/wait.h>
@@ -34,6 +35,7 @@ void set_property(const std::string &key, const std::string &value) {
 }
 
 void start_fresh_device() {
+    umask(022);
     empty_device_directories();
     for (const auto &property : std::map<std::string, std::string>(properties)) {
         set_property(property.first, "");
