@@ -53,7 +53,8 @@ DEVICE_TEST(map_file, creation) {
     for (const auto &row : rows) {
         on_fresh_device(row.name, [&] {
             umask(0);
-            mount_tmpfs("/data", StringPrintf("size=%lu", row.space).c_str());
+            write_file("/data/other", "takes a block");
+            leave_free("/data", row.space);
             make_map_file(5);
             unlink(row.result == 0 ? MAP_PATH : "");
             platform.writes = row.writes;
@@ -85,18 +86,18 @@ DEVICE_TEST(map_file, no_place_for_it) {
         take_log());
 
     make_directories("/data/vendor");
-    leave_free("/data", block_length);
+    leave_free("/data", 65536);
     EXPECT_EQ(-1, create_file("/data/none/map", 1));
     EXPECT_EQ(
-        "E get_directory_available_space: available_space: 4096\n"
+        "E get_directory_available_space: available_space: 65536\n"
         "E failed to open file:/data/none/map for writing: No such file or directory\n",
         take_log());
 
     // Without progress there is only the announcement.
-    EXPECT_EQ(0, create_file("/data/vendor/map", 4096));
+    EXPECT_EQ(0, create_file("/data/vendor/map", 65536));
     EXPECT_EQ(
-        "E get_directory_available_space: available_space: 4096\n"
-        "I Creating reserved area 4096 bytes\n",
+        "E get_directory_available_space: available_space: 65536\n"
+        "I Creating reserved area 65536 bytes\n",
         take_log());
 }
 
