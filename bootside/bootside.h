@@ -8,7 +8,8 @@
 //
 // Order of calls: bootside_open, bootside_begin_dump, then for each file bootside_begin_file and as
 // many bootside_write as wanted, then bootside_finish.  Only bootside_finish makes the dump
-// visible.
+// visible.  After a failed transfer or flush there is no way on but bootside_open: every other call
+// is refused with bootside_out_of_order.
 #ifndef TARNIX_BOOTSIDE_BOOTSIDE_H
 #define TARNIX_BOOTSIDE_BOOTSIDE_H
 
@@ -80,7 +81,8 @@ struct bootside_port {
     size_t buffer_size;
 };
 
-// Where a chain fails, for the results of the first three groups above.
+// Where a chain fails, for the results of the first three groups above.  The place of a failed
+// transfer is where it began; a failed flush has none.
 struct bootside_fault {
     uint32_t position;  // in the chain, from 0
     uint32_t block;     // physical block number
@@ -139,11 +141,13 @@ enum bootside_result bootside_check_file(const char *name, uint64_t size);
 enum bootside_result bootside_begin_dump(struct bootside *boot, int replace);
 
 // Starts the next file.  `name` has 1 to 19 characters, no "/"; `size` is the number of bytes to
-// come, at least 1.  After a refusal, another file may be tried or the dump finished without it.
+// come, at least 1.  Of two files with one name the device keeps the later.  After a refusal,
+// another file may be tried or the dump finished without it.
 enum bootside_result bootside_begin_file(struct bootside *boot, const char *name, uint64_t size);
 
 // The next `length` bytes of the file begun last.  They are copied; when the buffer is full of
-// blocks it is written.
+// blocks it is written.  A file once begun must get all its bytes, so fill up what cannot be read;
+// the only other way out is bootside_begin_dump, which starts over.
 enum bootside_result bootside_write(struct bootside *boot, const void *data, size_t length);
 
 // Writes what is left and the mark of the dump's end, flushes, sets the flag in the anchor,

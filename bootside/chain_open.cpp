@@ -37,7 +37,7 @@ uint64_t bootside_need(const struct bootside *boot, const uint64_t *sizes, size_
     uint64_t stream = 0;
     for (size_t i = 0; i < count; ++i) {
         stream = header_place(boot, stream) + sizeof(struct dump_file_header);
-        if (sizes[i] > limit - stream) {
+        if (stream > limit || sizes[i] > limit - stream) {
             return UINT64_MAX;
         }
         stream += sizes[i];

@@ -111,7 +111,13 @@ static enum bootside_result write_stretch(struct bootside *boot, uint32_t blocks
     const uint64_t offset = uint64_t{boot->stretch_first} * walk->block_length;
     const int failed =
         port->write_data(port->user, offset, port->buffer, size_t{blocks} * walk->block_length);
-    return failed == 0 ? bootside_ok : give_up(boot, bootside_write_failed, offset, failed);
+    if (failed == 0) {
+        return bootside_ok;
+    }
+    give_up(boot, bootside_write_failed, offset, failed);
+    walk->fault.position -= boot->stretch_blocks;  // the walk stands behind the stretch
+    walk->fault.block = boot->stretch_first;
+    return bootside_write_failed;
 }
 
 // Makes room for payload at stretch_index, stretch_at.  The caller knows that the chain has some.

@@ -196,8 +196,10 @@ TEST(bootside, refusals_write_nothing_and_leave_the_dump_usable) {
     bootside boot;
     EXPECT_EQ(bootside_ok, bootside_open(&boot, &d.port));
     EXPECT_EQ(10U * payload, bootside_capacity(&boot));
-    const uint64_t huge[] = {1, UINT64_MAX - 20};
-    EXPECT_EQ(UINT64_MAX, bootside_need(&boot, huge, 2));
+    for (const uint64_t first : {uint64_t{1}, uint64_t{INT64_MAX} - 40}) {
+        const uint64_t huge[] = {first, UINT64_MAX - 20};
+        EXPECT_EQ(UINT64_MAX, bootside_need(&boot, huge, 2));
+    }
     EXPECT_EQ(bootside_out_of_order, bootside_begin_file(&boot, "a", 1));
     EXPECT_EQ(bootside_ok, bootside_begin_dump(&boot, 0));
     EXPECT_EQ(bootside_out_of_order, bootside_write(&boot, "x", 1));
@@ -248,6 +250,10 @@ TEST(bootside, a_flag_never_stands_over_a_torn_dump) {
         }
         EXPECT_EQ(all[done] == 'F' ? bootside_flush_failed : bootside_write_failed, result);
         EXPECT_EQ(77U, boot.walk.fault.found);
+        if (all[done] == 'P') {
+            EXPECT_EQ((done - 2) * 15, boot.walk.fault.position);
+            EXPECT_EQ((done - 2) * 15 + 1, boot.walk.fault.block);
+        }
         EXPECT_NE(bootside_ok, bootside_write(&boot, "x", 1));
         EXPECT_NE(bootside_ok, bootside_finish(&boot));
         EXPECT_EQ(all.substr(0, done), d.log);
