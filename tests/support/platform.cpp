@@ -44,12 +44,11 @@ void start_fresh_device() {
     take_log();
 }
 
-void on_fresh_device(const std::string &row, const std::function<void()> &body) {
+void in_own_process(const std::string &row, const std::function<void()> &body) {
     fflush(nullptr);
     pid_t child = fork();
     if (child == 0) {
         SCOPED_TRACE(row);
-        start_fresh_device();
         // Failures of the rows before this one are counted in the child too.
         const testing::TestResult *result =
             testing::UnitTest::GetInstance()->current_test_info()->result();
@@ -61,6 +60,13 @@ void on_fresh_device(const std::string &row, const std::function<void()> &body) 
     int status = 0;
     ASSERT_EQ(child, waitpid(child, &status, 0));
     EXPECT_EQ(0, status) << "row \"" << row << "\" failed above, or ended by a signal";
+}
+
+void on_fresh_device(const std::string &row, const std::function<void()> &body) {
+    in_own_process(row, [&body] {
+        start_fresh_device();
+        body();
+    });
 }
 
 int __system_property_get(const char *name, char *value) {

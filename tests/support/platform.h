@@ -52,8 +52,11 @@ extern struct test_platform platform;
 // As on a device just started: empty directories, no properties, no log, no script.
 void start_fresh_device();
 
-// Runs `body` on a fresh device and in a process of its own, so that what one row of a table leaves
-// in process-wide variables never meets another.  `row` names the row in failures.
+// Runs `body` in a process of its own, so that what one row of a table leaves in process-wide
+// variables never meets another.  `row` names the row in failures.
+void in_own_process(const std::string &row, const std::function<void()> &body);
+
+// The same, on a fresh device.
 void on_fresh_device(const std::string &row, const std::function<void()> &body);
 
 // A test whose body has a fresh device and a process of its own, as above.
