@@ -14,16 +14,45 @@ std::string describe_state(bootside_result result, const bootside_walk &walk) {
     return (walk.flags & initial_block_header_dump_flag) != 0 ? "dump pending" : "ready";
 }
 
-std::string describe_value(bootside_result result, uint32_t value) {
-    const bool hexadecimal = result == bootside_no_anchor || result == bootside_bad_block_magic ||
-                             result == bootside_bad_block_crc;
-    return hexadecimal ? fmt::format("{:#010x}", value) : fmt::format("{}", value);
+std::string counted(uint64_t count, const char *noun) {
+    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
+
+// What was expected and what was found, each as its result counts it.
+static std::string describe_values(bootside_result result, const bootside_fault &fault) {
+    const char *format = "expected {}, found {}";
+    switch (result) {
+        case bootside_no_anchor:
+        case bootside_bad_block_magic:
+        case bootside_bad_block_crc:
+            format = "expected {:#010x}, found {:#010x}";
+            break;
+        case bootside_bad_block_length:
+            format = "expected a power of two from {} to 1048576 bytes, found {}";
+            break;
+        case bootside_bad_block_count:
+            format = "expected 1 to {} blocks, found {}";
+            break;
+        case bootside_block_outside:
+            format = "expected a block from 1 to {}, found {}";
+            break;
+        case bootside_chain_too_short:
+            format = "expected {} blocks, found {}";
+            break;
+        case bootside_block_twice:
+            format = "expected a new block at position {}, found the one of position {}";
+            break;
+        default:
+            break;
+    }
+    return fmt::format(format, fault.expected, fault.found);
 }
 
 std::string describe_verdict(const disk_image &image, bootside_result result,
                              const bootside_walk &walk) {
     if (result == bootside_ok) {
-        return fmt::format("intact: {} blocks of {} bytes", walk.n_blocks, walk.block_length);
+        return fmt::format("intact: {} of {} bytes", counted(walk.n_blocks, "block"),
+                           walk.block_length);
     }
     const bootside_fault &fault = walk.fault;
     const std::string place =
@@ -33,10 +62,8 @@ std::string describe_verdict(const disk_image &image, bootside_result result,
     if (result == bootside_read_failed) {
         return fmt::format("unreadable at {}: {}", place, image.error);
     }
-    return fmt::format("{} at {}: {}: expected {}, found {}",
-                       result == bootside_no_anchor ? "missing" : "broken", place,
-                       bootside_result_text(result), describe_value(result, fault.expected),
-                       describe_value(result, fault.found));
+    return fmt::format("{} at {}: {}: {}", result == bootside_no_anchor ? "missing" : "broken",
+                       place, bootside_result_text(result), describe_values(result, fault));
 }
 
 std::string next_step(bootside_result result) {
@@ -46,13 +73,14 @@ std::string next_step(bootside_result result) {
         case bootside_bad_block_length:
         case bootside_bad_block_count:
             return "see that misc and the data partition are of the same device; if they are, "
-                   "delete "
-                   "the map file on the device and let tarnix build a new chain";
+                   "delete the map file on the device and let tarnix build a new chain";
         case bootside_read_failed:
             return "get the image from the device anew";
         case bootside_write_failed:
         case bootside_flush_failed:
-            return "the dump has not been announced; free some space or try a copy of the image";
+            return "make room or take a copy of the image, and write again with --replace";
+        case bootside_data_missing:
+            return "write again, with --replace, once the file no longer changes";
         case bootside_dump_pending:
             return "save it with pull, then write with --replace";
         case bootside_does_not_fit:

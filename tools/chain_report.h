@@ -9,7 +9,8 @@
 // The anchor's state in a word or two: "no chain", "cleared", "ready" or "dump pending".
 std::string describe_state(bootside_result result, const bootside_walk &walk);
 
-// "intact: 16384 blocks of 4096 bytes", or the first fault: position, block, byte, expected, found.
+// "intact: 16384 blocks of 4096 bytes", or the first fault: position, block, byte in the image,
+// expected, found.
 std::string describe_verdict(const disk_image &image, bootside_result result,
                              const bootside_walk &walk);
 
@@ -19,7 +20,7 @@ std::string next_step(bootside_result result);
 // "chain_too_short" and the like: the verdict for a program to read.
 const char *result_key(bootside_result result);
 
-// The expected or found value of a fault as its result counts it: hexadecimal or decimal.
-std::string describe_value(bootside_result result, uint32_t value);
+// "1 file", "2 files".
+std::string counted(uint64_t count, const char *noun);
 
 #endif

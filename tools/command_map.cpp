@@ -46,8 +46,8 @@ static void print_picture(const bootside_walk &walk, const std::vector<physical_
             at = until;
         }
     }
-    fmt::print("\neach character is {} blocks: . none, - up to half, + more, # all of the chain\n",
-               share);
+    fmt::print("\neach character is {}: . none, - up to half, + more, # all of the chain\n",
+               counted(share, "block"));
     const uint64_t shown = (walk.data_blocks + share - 1) / share;
     for (uint64_t cell = 0; cell < shown; ++cell) {
         const uint64_t part = taken[cell];

@@ -65,7 +65,7 @@ static void print_text(const disk_image &image, const chain_status &status) {
     if (has_geometry(status.result, walk)) {
         fmt::print("flags        {:#x}\nseed         {:#010x}\nfirst block  {}\n", walk.flags,
                    walk.seed, walk.first_block);
-        fmt::print("size         {} blocks of {} bytes, {} bytes\n", walk.n_blocks,
+        fmt::print("size         {} of {} bytes, {} bytes\n", counted(walk.n_blocks, "block"),
                    walk.block_length, uint64_t{walk.n_blocks} * walk.block_length);
         fmt::print("runs         {}{}\n", status.boot.runs,
                    status.result == bootside_ok ? "" : " up to the fault");
@@ -79,17 +79,18 @@ static void print_text(const disk_image &image, const chain_status &status) {
     }
 }
 
-static nlohmann::json fault_json(const chain_status &status) {
+static nlohmann::json fault_json(const disk_image &image, const chain_status &status) {
     const bootside_fault &fault = status.boot.walk.fault;
     return {{"partition", fault.in_misc != 0 ? "misc" : "data"},
             {"position", fault.position},
             {"block", fault.block},
             {"byte_offset", fault.offset},
             {"expected", fault.expected},
-            {"found", fault.found}};
+            {"found", fault.found},
+            {"message", describe_verdict(image, status.result, status.boot.walk)}};
 }
 
-static void print_json(const chain_status &status) {
+static void print_json(const disk_image &image, const chain_status &status) {
     const bootside_walk &walk = status.boot.walk;
     nlohmann::json out = {{"state", describe_state(status.result, walk)},
                           {"verdict", result_key(status.result)}};
@@ -111,7 +112,7 @@ static void print_json(const chain_status &status) {
                        {"files", files}};
     }
     if (status.result != bootside_ok) {
-        out["fault"] = fault_json(status);
+        out["fault"] = fault_json(image, status);
     }
     // Names come from the disk: they may be no UTF-8, or, as UTF-8, move a terminal's cursor.
     fmt::print("{}\n", out.dump(2, ' ', true, nlohmann::json::error_handler_t::replace));
@@ -120,7 +121,7 @@ static void print_json(const chain_status &status) {
 int status_command(disk_image *image, bool json) {
     const chain_status status = examine(image);
     if (json) {
-        print_json(status);
+        print_json(*image, status);
     } else {
         print_text(*image, status);
     }

@@ -28,6 +28,7 @@ int verify_command(disk_image *image) {
     if (result != bootside_ok) {
         return report_failure(*image, result, boot.walk);
     }
-    fmt::print("{} in {} physical runs\n", describe_verdict(*image, result, boot.walk), boot.runs);
+    fmt::print("{} in {}\n", describe_verdict(*image, result, boot.walk),
+               counted(boot.runs, "physical run"));
     return exit_good;
 }

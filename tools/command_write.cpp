@@ -37,13 +37,14 @@ static int open_input(const std::string &text, const std::vector<input_file> &ea
     struct stat status = {};
     file->fd = open(file->path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (file->fd < 0 || fstat(file->fd, &status) != 0) {
-        fmt::print(stderr, "tarnix-chain: cannot open {}: {}\n", file->path, strerror(errno));
+        fmt::print(stderr, "tarnix-chain: cannot open {}: {}; name a file that can be read\n",
+                   file->path, strerror(errno));
         return exit_unreadable;
     }
     if (!S_ISREG(status.st_mode)) {
         fmt::print(stderr,
                    "tarnix-chain: {} is not a regular file; its size must be known before "
-                   "it is written\n",
+                   "it is written, so copy it into a file\n",
                    file->path);
         return exit_unreadable;
     }
@@ -119,13 +120,14 @@ static int write_dump(disk_image *image, bootside *boot, const std::vector<input
     }
     progress_end(image);
     if (result == bootside_ok) {
-        fmt::print("{} files, {} bytes written; the dump is pending\n", files.size(), total);
+        fmt::print("{}, {} written; the dump is pending\n", counted(files.size(), "file"),
+                   counted(total, "byte"));
         return exit_good;
     }
-    fmt::print(stderr,
-               "tarnix-chain: {}\ntarnix-chain: {}\ntarnix-chain: the dump is not announced\n",
+    fmt::print(stderr, "tarnix-chain: {}\ntarnix-chain: {}\ntarnix-chain: next: {}\n",
                bootside_result_text(result),
-               image->error.empty() ? describe_verdict(*image, result, boot->walk) : image->error);
+               image->error.empty() ? describe_verdict(*image, result, boot->walk) : image->error,
+               next_step(result));
     return exit_unreadable;
 }
 

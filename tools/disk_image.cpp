@@ -111,7 +111,9 @@ static bool open_whole(const std::string &path, bool writable, partition_place *
     partition->fd = open(path.c_str(), flags | O_CLOEXEC);
     const off_t end = partition->fd < 0 ? -1 : lseek(partition->fd, 0, SEEK_END);
     if (end < 0) {
-        *error = fmt::format("cannot open {}: {}", path, strerror(errno));
+        *error = fmt::format("cannot open {}: {}; {}", path, strerror(errno),
+                             errno == EBUSY ? "unmount its file systems first"
+                                            : "check the name, and that you may use it");
         return false;
     }
     partition->size = static_cast<uint64_t>(end);

@@ -9,8 +9,7 @@
 #include "extract/dump_file_header.h"
 
 // The device puts "/data/vendor/ramdump/apq/NN/", 28 characters, before the name and cuts the path
-// at
-// 63.  Only a name without its NUL comes that far: it goes on through the header's other fields.
+// at 63.  Only a name without its NUL comes that far: it goes on through the header's other fields.
 static const size_t longest_device_name = 63 - 28;
 
 struct stream_state {

@@ -34,8 +34,7 @@ struct dump_reading {
     bootside_result doubted;
     bootside_fault stopped_at;
     bootside_fault doubted_at;
-    bool
-        too_many;  // stopped at the most_files-th file: a stream of nothing but headers, not a dump
+    bool too_many;  // stopped after most_files: a stream of nothing but headers, not a dump
     uint32_t files;
     uint32_t cut_short;
 };

@@ -1,5 +1,8 @@
 // tarnix-chain: looks at, verifies, fills and empties the block chain of a device that is off.
+#include <errno.h>
 #include <fmt/format.h>
+#include <stdio.h>
+#include <string.h>
 
 #include <CLI/CLI.hpp>
 
@@ -79,7 +82,8 @@ static int run(int argc, char **argv) {
     app.footer(
         "Example:\n  tarnix-chain verify --disk phone.img\n\n"
         "Exit status: 0 good; 1 chain not intact, dump incomplete or request refused;\n"
-        "2 wrong usage; 3 an image or file cannot be read or written.");
+        "2 wrong usage; 3 an image or file cannot be read or written.  status has 0\n"
+        "for a broken chain too: its verdict is in what it prints.");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
@@ -98,6 +102,10 @@ static int run(int argc, char **argv) {
     }
     const int status = run_command(name, image.get(), line);
     close_disk_image(image.get());
+    if (fflush(stdout) != 0) {
+        fmt::print(stderr, "tarnix-chain: cannot write the output: {}\n", strerror(errno));
+        return exit_unreadable;
+    }
     return status;
 }
 
@@ -106,7 +114,7 @@ int main(int argc, char **argv) {
         return run(argc, argv);
     } catch (const std::exception &error) {
         // The libraries' own failures: memory, or a standard output that is closed.
-        fputs(error.what(), stderr);
+        fprintf(stderr, "tarnix-chain: %s\n", error.what());
         return exit_unreadable;
     }
 }
