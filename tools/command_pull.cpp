@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <map>
+#include <set>
 
 #include "bootside/chain_walk.h"
 #include "chain/initial_block_header.h"
@@ -24,6 +25,7 @@ struct pull_state {
     std::string path;                          // of `out`, for messages
     std::map<std::string, std::string> names;  // in the dump, and as written
     std::map<std::string, uint32_t> used;      // as written, and how often it was wanted
+    std::set<std::string> written;             // made by this run, so that they may be replaced
     std::vector<std::string> notes;            // printed once the progress bar is gone
     int status;
 };
@@ -42,7 +44,8 @@ static std::string choose_name(pull_state *state, const std::string &name) {
         chosen = fmt::format("{}~{}", safe, ++state->used[safe]);
     }
     if (chosen != name) {
-        note(state, exit_good, fmt::format("a file's name is unsafe, it is written as {}", chosen));
+        note(state, exit_good,
+             fmt::format("a file's name is unsafe or taken, it is written as {}", chosen));
     }
     state->used[chosen] = 1;
     state->names[name] = chosen;
@@ -51,15 +54,17 @@ static std::string choose_name(pull_state *state, const std::string &name) {
 
 static void begin_file(pull_state *state, const dump_file &file) {
     const auto known = state->names.find(file.name);
-    const bool again = known != state->names.end();
-    const std::string name = again ? known->second : choose_name(state, file.name);
+    const std::string name =
+        known != state->names.end() ? known->second : choose_name(state, file.name);
+    const bool again = state->written.count(name) != 0;
+    const bool replace = again || state->options->force;
     state->path = state->options->directory + "/" + name;
     if (again) {
         note(state, exit_good,
              fmt::format("{} occurs again in the dump and replaces the first, as on the device",
                          state->path));
     }
-    if (again || state->options->force) {
+    if (replace) {
         // Whatever is in the way, a link or a device included, goes; failure shows in the next
         // call.
         unlinkat(state->directory, name.c_str(), 0);
@@ -69,12 +74,14 @@ static void begin_file(pull_state *state, const dump_file &file) {
     state->out = fd < 0 ? nullptr : fdopen(fd, "wb");
     if (state->out != nullptr) {
         setvbuf(state->out, nullptr, _IOFBF, 1048576);
-    } else if (errno == EEXIST) {
+        state->written.insert(name);
+    } else if (errno == EEXIST && !replace) {
         note(state, exit_not_whole,
              fmt::format("{} exists and was left alone; --force replaces it", state->path));
     } else {
         note(state, exit_unreadable,
-             fmt::format("cannot create {}: {}", state->path, strerror(errno)));
+             fmt::format("cannot create {}: {}; choose another directory", state->path,
+                         strerror(errno)));
     }
 }
 
@@ -161,8 +168,8 @@ int pull_command(disk_image *image, const pull_options &options) {
     state.options = &options;
     state.directory = open_directory(options.directory);
     if (state.directory < 0) {
-        fmt::print(stderr, "tarnix-chain: cannot use the directory {}: {}\n", options.directory,
-                   strerror(errno));
+        fmt::print(stderr, "tarnix-chain: cannot use the directory {}: {}; choose another one\n",
+                   options.directory, strerror(errno));
         return exit_unreadable;
     }
     const dump_sink sink = {
@@ -177,7 +184,7 @@ int pull_command(disk_image *image, const pull_options &options) {
     for (const std::string &text : state.notes) {
         fmt::print(stderr, "tarnix-chain: {}\n", text);
     }
-    fmt::print("{} files in {}, {} incomplete\n", reading.files, options.directory,
-               reading.cut_short);
+    fmt::print("{} in the dump, {} incomplete; {} written to {}\n", counted(reading.files, "file"),
+               reading.cut_short, state.written.size(), options.directory);
     return state.status;
 }

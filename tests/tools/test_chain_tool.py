@@ -220,7 +220,7 @@ def test_names_from_the_disk_are_not_paths(tmp_path):
     stream += header(b"n" * 20, 0x4141414141414141)[:-8] + b"r" * 8
     image.poke(image.data, 100 * LENGTH + 12, stream + b"the data")
     done = run("pull", image, tmp_path / "out")
-    assert done.returncode == 1 and done.stderr.count("is unsafe, it is written as") == 6
+    assert done.returncode == 1 and done.stderr.count("is unsafe or taken, it is written") == 6
     assert "\x1b" not in done.stderr
     found = pulled(tmp_path / "out")
     whole = {n: d for n, d in found.items() if len(d) == 1}
@@ -253,6 +253,13 @@ def test_pull_says_what_is_missing_and_overwrites_nothing(tmp_path):
     os.symlink(tmp_path / "elsewhere", out / "first")
     assert run("pull", image, out, "--force").returncode == 0
     assert pulled(out) == files and not (tmp_path / "elsewhere").exists()
+    # A name that occurs twice replaces what this run wrote, and nothing else.
+    image.poke(image.data, 100 * LENGTH + 12 + 90, header(b"first", 1) + b"2" + bytes(40))
+    assert run("pull", image, out).returncode == 1
+    assert pulled(out) == files
+    assert run("pull", image, tmp_path / "twice").returncode == 0
+    assert pulled(tmp_path / "twice") == {"first": b"2"}
+    image.poke(image.data, 100 * LENGTH + 12 + 90, header(b"long", 20 * PAYLOAD) + b"2" * 41)
 
     image.poke(image.data, 110 * LENGTH, b"gone")
     cut = run("pull", image, tmp_path / "cut")
