@@ -268,6 +268,10 @@ TEST(driver, modes_on_a_valid_map) {
         put_anchor(3);
         platform.fibmap.clear();
     };
+    auto pending_empty_map = [] {
+        put_anchor(3);
+        make_map_file(0);
+    };
     auto chain_with_dump = [] {
         put_anchor(1);
         put_dump();
@@ -296,6 +300,11 @@ TEST(driver, modes_on_a_valid_map) {
                                  "I raw_read_blocks: 3 avail, 2 blocks needed\n"
                                  "E raw_read_blocks: Not enough space available to write ramdump 3 "
                                  "avail, need 2 blocks\n"},
+        {"copy, and no extraction", pending_empty_map, "-s -i 1 -r /data/out " MAP_PATH, 0,
+         START VALID CHAIN("00000001") "P debug.qor.tarnix=reversing\n" READING
+                                       "I raw_read_blocks: 0 avail, 0 blocks needed\nI Opened "
+                                       "/data/out for writing\n"
+                                       "I Success\n"},
         {"test, and nothing else", chain_with_dump, "-t -s -i 7 -r /data/out " MAP_PATH, 0,
          START VALID FOUND("00000007") FIELDS
          "I  block size: 4096 bytes\n" READING

@@ -1,50 +1,25 @@
 #include "config/properties.h"
 
+#include <android-base/strings.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include "tests/support/platform.h"
 
-static const char *const masked_names[] = {"dev.deviceimage_large",
-                                           "dev.deviceimage_small",
-                                           "ro.aa.cidlist",
-                                           "ro.aa.maincid",
-                                           "ro.aa.mainsku",
-                                           "ro.aa.modelid",
-                                           "ro.aa.project",
-                                           "ro.aa.skulist",
-                                           "ro.build.display.id",
-                                           "ro.build.fingerprint",
-                                           "ro.build.product",
-                                           "ro.build.project",
-                                           "ro.build.mirel.version",
-                                           "ro.carrier",
-                                           "ro.cid",
-                                           "ro.cwkey",
-                                           "ro.hardware",
-                                           "ro.mid",
-                                           "ro.product.board",
-                                           "ro.product.brand",
-                                           "ro.product.cpu.abi2",
-                                           "ro.product.cpu.abi",
-                                           "ro.product.device",
-                                           "ro.product.display_resolution",
-                                           "ro.product.front_camera",
-                                           "ro.product.main_camera",
-                                           "ro.product.manufacturer",
-                                           "ro.product.model",
-                                           "ro.product.name",
-                                           "ro.product.processor",
-                                           "ro.product.ram",
-                                           "ro.product.version",
-                                           "ro.product.wifi",
-                                           "ro.product.wireless",
-                                           "ro.watch.appid"};
+static const char masked_names[] =
+    "dev.deviceimage_large dev.deviceimage_small ro.aa.cidlist ro.aa.maincid ro.aa.mainsku "
+    "ro.aa.modelid ro.aa.project ro.aa.skulist ro.build.display.id ro.build.fingerprint "
+    "ro.build.product ro.build.project ro.build.mirel.version ro.carrier ro.cid ro.cwkey "
+    "ro.hardware ro.mid ro.product.board ro.product.brand ro.product.cpu.abi2 "
+    "ro.product.cpu.abi ro.product.device ro.product.display_resolution "
+    "ro.product.front_camera ro.product.main_camera ro.product.manufacturer "
+    "ro.product.model ro.product.name ro.product.processor ro.product.ram "
+    "ro.product.version ro.product.wifi ro.product.wireless ro.watch.appid";
 
-static std::string get(const char *key, const char *default_value, int *length) {
+static std::string get(const std::string &key, const char *default_value, int *length) {
     char value[property_value_max];
     memset(value, '#', sizeof(value));
-    *length = property_get(key, value, default_value);
+    *length = property_get(key.c_str(), value, default_value);
     return value;
 }
 
@@ -58,7 +33,7 @@ DEVICE_TEST(properties, mask_by_caller) {
         SCOPED_TRACE(row.uid);
         platform.uid = row.uid;
         int length = -1;
-        for (const char *name : masked_names) {
+        for (const std::string &name : android::base::Split(masked_names, " ")) {
             set_property(name, "a value");
             EXPECT_EQ(row.masked ? "unknown" : "a value", get(name, nullptr, &length)) << name;
             EXPECT_EQ(7, length);
