@@ -7,6 +7,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -103,10 +104,8 @@ static void make_device(device *d, const std::vector<uint32_t> &blocks, size_t b
 }
 
 static std::vector<uint32_t> straight_chain(uint32_t n) {
-    std::vector<uint32_t> blocks;
-    for (uint32_t i = 1; i <= n; ++i) {
-        blocks.push_back(i);
-    }
+    std::vector<uint32_t> blocks(n);
+    std::iota(blocks.begin(), blocks.end(), 1);
     return blocks;
 }
 
@@ -116,9 +115,8 @@ static std::vector<uint32_t> scattered_chain(uint32_t runs) {
     uint32_t first = runs * (runs + 3) / 2;
     for (uint32_t run = 1; run <= runs; ++run) {
         first -= run + 1;
-        for (uint32_t i = 0; i < run; ++i) {
-            blocks.push_back(first + 1 + i);
-        }
+        blocks.resize(blocks.size() + run);
+        std::iota(blocks.end() - run, blocks.end(), first + 1);
     }
     return blocks;
 }
@@ -290,4 +288,37 @@ TEST(bootside, a_chain_that_changes_after_it_was_opened_is_not_written_on) {
     EXPECT_EQ(bootside_bad_block_magic, write_file(&boot, "a", pattern(5000), 100));
     EXPECT_EQ("PPP", d.log);
     EXPECT_EQ(bootside_out_of_order, bootside_finish(&boot));
+}
+
+// With a CRC that is always right, the links alone must show that a chain comes back.
+TEST(bootside, an_endless_chain_with_right_crcs_is_found) {
+    device d;
+    make_device(&d, straight_chain(40), 8);
+    d.port.crc32 = [](void *, uint32_t, const void *, size_t) { return 7U; };
+    for (uint32_t block = 1; block <= 40; ++block) {
+        const block_header header = {block_header_magic, block == 40 ? 11 : block + 1, 7};
+        memcpy(d.data.data() + size_t{block} * block_length, &header, sizeof(header));
+    }
+    bootside boot;
+    EXPECT_EQ(bootside_block_twice, bootside_open(&boot, &d.port));
+    EXPECT_EQ(40U, boot.walk.fault.position);
+    EXPECT_EQ(11U, boot.walk.fault.block);
+    EXPECT_EQ(10U, boot.walk.fault.found);
+}
+
+TEST(bootside, a_stream_of_nothing_but_headers_is_bounded) {
+    device d;
+    make_device(&d, straight_chain(6000), 8);
+    bootside boot;
+    ASSERT_EQ(bootside_ok, bootside_open(&boot, &d.port));
+    ASSERT_EQ(bootside_ok, bootside_begin_dump(&boot, 0));
+    for (int i = 0; i < 70000; ++i) {
+        ASSERT_EQ(bootside_ok, write_file(&boot, "a", "x", 1));
+    }
+    ASSERT_EQ(bootside_ok, bootside_finish(&boot));
+    bootside_walk walk;
+    ASSERT_EQ(bootside_ok, chain_walk_start(&walk, &d.port));
+    const dump_reading reading = read_dump_stream(&walk, {});
+    EXPECT_TRUE(reading.too_many);
+    EXPECT_EQ(most_files, reading.files);
 }

@@ -15,50 +15,20 @@ def link_crc(crc, block, following):
     return zlib.crc32(struct.pack("<QQ", block, following), crc)
 
 
-def headers(blocks, seed, last_link=0):
+def headers(blocks, seed):
     """The 12-byte header of each block, in chain order."""
     crc, result = seed, []
-    for block, following in zip(blocks, blocks[1:] + [last_link]):
+    for block, following in zip(blocks, blocks[1:] + [0]):
         crc = link_crc(crc, block, following)
         result.append(struct.pack("<III", BLOCK_MAGIC, following, crc))
     return result
 
 
-def seed_of_endless_chain(blocks):
-    """The seed with which a chain whose last link is its first block has every CRC right, for ever:
-    the CRC after the round is the seed again.  CRC-32 is affine in its start, so this is a system of
-    32 equations over GF(2)."""
-
-    def after_round(seed):
-        return struct.unpack("<III", headers(blocks, seed, blocks[0])[-1])[2]
-
-    constant = after_round(0)
-    columns = [after_round(1 << bit) ^ constant ^ (1 << bit) for bit in range(32)]
-    rows = [
-        sum(((columns[c] >> r) & 1) << c for c in range(32)) | ((constant >> r) & 1) << 32
-        for r in range(32)
-    ]
-    for c in range(32):
-        pivot = next(r for r in range(c, 32) if rows[r] >> c & 1)
-        rows[c], rows[pivot] = rows[pivot], rows[c]
-        rows = [row ^ rows[c] if r != c and row >> c & 1 else row for r, row in enumerate(rows)]
-    return sum((row >> 32) << r for r, row in enumerate(rows))
-
-
 class Image:
     """`misc` and `data` are (path, byte offset); `arguments` name the images to tarnix-chain."""
 
-    def __init__(
-        self,
-        folder,
-        blocks,
-        length=4096,
-        data_blocks=2048,
-        seed=0x12345678,
-        sector=None,
-        fill=b"\xff",
-    ):
-        self.blocks, self.length, self.seed = list(blocks), length, seed
+    def __init__(self, folder, blocks, length=4096, data_blocks=2048, sector=None, fill=b"\xff"):
+        self.blocks, self.length, self.seed = list(blocks), length, 0x12345678
         if sector:
             self._make_disk(folder / "disk.img", data_blocks * length, sector)
         else:
@@ -69,7 +39,7 @@ class Image:
                     file.truncate(size)
         self.set_anchor()
         with open(self.data[0], "r+b") as file:
-            for block, header in zip(self.blocks, headers(self.blocks, seed)):
+            for block, header in zip(self.blocks, headers(self.blocks, self.seed)):
                 file.seek(self.data[1] + block * length)
                 file.write(header + fill * (length - 12))
 
@@ -108,10 +78,10 @@ class Image:
             return file.read(length)
 
     def set_link(self, position, following, crc=None):
-        """Changes a link, with the right CRC for it unless another is given."""
+        """Changes a link after the first, with the right CRC for it unless another is given."""
         before = struct.unpack("<III", headers(self.blocks, self.seed)[position - 1])[2]
         if crc is None:
-            crc = link_crc(before if position else self.seed, self.blocks[position], following)
+            crc = link_crc(before, self.blocks[position], following)
         header = struct.pack("<III", BLOCK_MAGIC, following, crc)
         self.poke(self.data, self.blocks[position] * self.length, header)
 

@@ -12,7 +12,7 @@ import time
 from pathlib import Path
 
 import pytest
-from chain_image import ANCHOR_OFFSET, FILE_MAGIC, Image, seed_of_endless_chain
+from chain_image import ANCHOR_OFFSET, FILE_MAGIC, Image
 
 TOOL = os.environ["TARNIX_CHAIN"]
 LENGTH = 4096
@@ -55,21 +55,26 @@ EDGES = {
     "41 bytes left: a header and one byte": lambda n, p: [p - 81, 5],
     "39 left for the end mark": lambda n, p: [3 * p - 40 - 39],
     "40 left for the end mark": lambda n, p: [3 * p - 80],
-    "a file over many blocks": lambda n, p: [100, 200 * p + 17, 1],
+    "a file over many blocks": lambda n, p: [100, n // 2 * p + 17, 1],
     "full to the last byte": lambda n, p: [10, n * p - 40 - 50],
     "full up to padding": lambda n, p: [n * p - 40 - 39],
 }
 
 
-@pytest.mark.parametrize("blocks", [STRAIGHT, SCATTERED], ids=["straight", "scattered"])
+CHAINS = [(STRAIGHT, 512), (SCATTERED, 4096), (range(1, 9), 65536)]
+
+
+@pytest.mark.parametrize("blocks, length", CHAINS)
 @pytest.mark.parametrize("edge", EDGES)
-def test_device_and_pull_find_what_was_written(tmp_path, blocks, edge):
-    image = Image(tmp_path, blocks)
+def test_device_and_pull_find_what_was_written(tmp_path, blocks, length, edge):
+    image = Image(tmp_path, blocks, length, max(blocks) + 1)
+    payload = length - 12
     # An older dump whose headers lie all over the chain: none of them may come to light again.
-    assert write(image, tmp_path, {f"old{i}": b"\x5a" * 20000 for i in range(50)}).returncode == 0
+    old = {f"old{i}": b"\x5a" * (len(blocks) * payload // 60) for i in range(50)}
+    assert write(image, tmp_path, old).returncode == 0
     before, misc = image.data[0].read_bytes(), image.misc[0].read_bytes()
     rng = random.Random(edge)
-    sizes = EDGES[edge](len(blocks), PAYLOAD)
+    sizes = EDGES[edge](len(blocks), payload)
     files = {f"file{i}": rng.randbytes(size) for i, size in enumerate(sizes)}
 
     written = write(image, tmp_path, files, "--replace")
@@ -82,18 +87,9 @@ def test_device_and_pull_find_what_was_written(tmp_path, blocks, edge):
     assert pulled(tmp_path / "out") == files
     assert image.misc[0].read_bytes() == misc  # the flag was set before and is again
     after = image.data[0].read_bytes()
-    for block in range(len(after) // LENGTH):
-        keep = 12 if block in blocks else LENGTH
-        assert after[block * LENGTH :][:keep] == before[block * LENGTH :][:keep], block
-
-
-@pytest.mark.parametrize("length, n", [(512, 6000), (65536, 40)])
-def test_other_block_lengths(tmp_path, length, n):
-    image = Image(tmp_path, list(range(1, n + 1)), length=length, data_blocks=n + 1)
-    files = {"big": random.Random(1).randbytes((length - 12) * (n - 10)), "small": b"x"}
-    assert write(image, tmp_path, files).returncode == 0
-    assert {name: bytes(data) for name, _, data in image.extract()} == files
-    assert image.flags() == 3
+    for block in range(len(after) // length):
+        at, keep = block * length, 12 if block in blocks else length
+        assert after[at : at + keep] == before[at : at + keep], block
 
 
 @pytest.mark.parametrize("sector", [512, 4096])
@@ -109,64 +105,31 @@ def test_partitions_are_found_by_name(tmp_path, sector):
     assert short.returncode == 3 and "or it is cut short" in short.stderr
 
 
-REFUSALS = {
-    "empty name": ({"": b"x"}, 1, "name is empty"),
-    "20 characters": ({"n" * 20: b"x"}, 1, "longer than 19"),
-    "slash": ({"ok": b"x" * 90000, "a/b": b"x"}, 1, "slash"),
-    "dots": ({"..": b"x"}, 1, "slash, or is . or .."),
-    "no bytes": ({"ok": b"x" * 90000, "e": b""}, 1, "file is empty"),
-    "one byte too many": ({"big": b"x" * (300 * PAYLOAD - 39)}, 1, "the dump needs 1225201 bytes"),
-    "second does not fit": ({"a": b"x" * 1225100, "b": b"x" * 100}, 1, "does not fit"),
-}
-
-
-@pytest.mark.parametrize("case", REFUSALS)
-def test_refusals_change_nothing(tmp_path, case):
-    files, code, text = REFUSALS[case]
+def test_refusals_change_nothing(tmp_path):
     image = Image(tmp_path, STRAIGHT)
-    before = image.digest()
-    refused = write(image, tmp_path, files)
-    assert refused.returncode == code and text in refused.stderr
-    assert image.digest() == before
+    big = b"x" * (300 * PAYLOAD - 39)
 
+    def refused(files, text):
+        before = image.digest()
+        done = write(image, tmp_path, files)
+        assert done.returncode == 1 and text in done.stderr and image.digest() == before
 
-def test_pending_dump_is_only_replaced_on_request(tmp_path):
-    image = Image(tmp_path, STRAIGHT)
+    refused({"ok": b"x" * 90000, "a/b": b"x"}, "holds a slash")
+    refused({"one too many": big}, "the dump needs 1225201 bytes, the chain has 1225200")
+    refused({"a": big[100:], "b": big[:100]}, "does not fit")
     image.set_anchor(flags=0x80000001)
     assert write(image, tmp_path, {"first": b"1"}).returncode == 0
     assert image.flags() == 0x80000003  # bits that others own are kept
-    before = image.digest()
-    refused = write(image, tmp_path, {"second": b"2"})
-    assert refused.returncode == 1 and "already waiting" in refused.stderr
-    assert image.digest() == before
+    refused({"second": b"2"}, "already waiting")
     assert write(image, tmp_path, {"second": b"2"}, "--replace").returncode == 0
     assert image.extract() == [("second", 1, b"2")]
-
-
-def bad_crc(image):
-    image.set_link(5, image.blocks[6], crc=0)
-
-
-def endless(image):
-    image.seed = seed_of_endless_chain(image.blocks)
-    image.__init__(image.data[0].parent, image.blocks, seed=image.seed)
-    image.set_link(len(image.blocks) - 1, image.blocks[0])
-
-
-def cut_misc(image):
-    os.truncate(image.misc[0], ANCHOR_OFFSET + 10)
-
-
-def cut_data(image):
-    os.truncate(image.data[0], 350 * LENGTH)
 
 
 # What is done to a chain of the blocks 100 to 399: the verdict, its position and block, the status
 # of verify.
 DAMAGE = {
     "anchor wiped": (lambda i: i.set_anchor(magic=0), "no_anchor", None, 1),
-    "anchor cut off": (cut_misc, "read_failed", None, 3),
-    "block length 0": (lambda i: i.set_anchor(length=0), "bad_block_length", None, 1),
+    "anchor cut": (lambda i: os.truncate(i.misc[0], ANCHOR_OFFSET + 10), "read_failed", None, 3),
     "block length 4095": (lambda i: i.set_anchor(length=4095), "bad_block_length", None, 1),
     "block length 2 GiB": (lambda i: i.set_anchor(length=1 << 31), "bad_block_length", None, 1),
     "no blocks": (lambda i: i.set_anchor(n=0), "bad_block_count", None, 1),
@@ -176,16 +139,12 @@ DAMAGE = {
     "first block outside": (lambda i: i.set_anchor(first=2048), "block_outside", None, 1),
     "seed": (lambda i: i.set_anchor(seed=1), "bad_block_crc", (0, 100), 1),
     "block magic": (lambda i: i.poke(i.data, 105 * LENGTH, b"\0"), "bad_block_magic", (5, 105), 1),
-    "stored crc": (bad_crc, "bad_block_crc", (5, 105), 1),
-    "link changed": (lambda i: i.set_link(5, 107, crc=7), "bad_block_crc", (5, 105), 1),
+    "stored crc": (lambda i: i.set_link(5, 106, crc=0), "bad_block_crc", (5, 105), 1),
     "link outside": (lambda i: i.set_link(5, 2048), "block_outside", (5, 105), 1),
-    "link far outside": (lambda i: i.set_link(5, 0xFFFFFFFF), "block_outside", (5, 105), 1),
     "ends early": (lambda i: i.set_link(5, 0), "chain_too_short", (5, 105), 1),
     "count too small": (lambda i: i.set_anchor(n=200), "chain_too_long", (199, 299), 1),
     "comes back": (lambda i: i.set_link(9, 103), "block_twice", (10, 103), 1),
-    "links to itself": (lambda i: i.set_link(9, 109), "block_twice", (10, 109), 1),
-    "endless with right crcs": (endless, "block_twice", (300, 100), 1),
-    "partition cut off": (cut_data, "block_outside", (249, 349), 1),
+    "cut off": (lambda i: os.truncate(i.data[0], 350 * LENGTH), "block_outside", (249, 349), 1),
 }
 
 
@@ -229,18 +188,6 @@ def test_names_from_the_disk_are_not_paths(tmp_path):
     assert set(found) - set(whole) == {"n" * 20 + "A" * 8 + "r" * 7}
 
 
-def test_a_stream_of_headers_is_bounded(tmp_path):
-    image = Image(tmp_path, list(range(1, 700)))
-    # As many files as go into a block; all of their names come out alike.
-    names = (bytes([128 + i % 100, 128 + i // 100 % 100, 128 + i // 10000]) for i in range(70000))
-    for block in image.blocks:
-        files = b"".join(header(next(names), 1) + b"x" for _ in range(PAYLOAD // 41))
-        image.poke(image.data, block * LENGTH + 12, files)
-    done = run("pull", image, tmp_path / "out")
-    assert done.returncode == 1 and "stopped after 65536 files" in done.stderr
-    assert len(list((tmp_path / "out").iterdir())) == 65536
-
-
 def test_pull_says_what_is_missing_and_overwrites_nothing(tmp_path):
     image, out = Image(tmp_path, STRAIGHT), tmp_path / "out"
     files = {"first": b"1" * 50, "long": b"2" * (20 * PAYLOAD), "last": b"3"}
@@ -272,7 +219,7 @@ def test_pull_says_what_is_missing_and_overwrites_nothing(tmp_path):
 
     image.poke(image.data, 110 * LENGTH, b"BChn")
     assert image.digest() == whole
-    bad_crc(image)
+    image.set_link(5, 106, crc=0)
     doubt = run("pull", image, tmp_path / "doubt")
     assert doubt.returncode == 1 and "may be wrong" in doubt.stderr
     assert pulled(tmp_path / "doubt") == files
@@ -328,13 +275,19 @@ def test_bar_on_a_terminal_only(tmp_path):
 
 
 @pytest.mark.parametrize("words, code", [
-    ([], 2), (["verify"], 2), (["nonsense"], 2), (["verify", "--disk", "/nowhere"], 3),
-    (["verify", "--misc", "/dev/null"], 2), (["verify", "--disk", "/dev/zero"], 3),
-    (["verify", "--misc", "/dev/null", "--data", "/dev/null"], 3),
+    ("", 2), ("verify", 2), ("nonsense", 2), ("verify --misc /dev/null", 2),
+    ("verify --disk /nowhere", 3), ("verify --disk /dev/zero", 3),
+    ("verify --misc /dev/null --data /dev/null", 3),
 ])  # fmt: skip
 def test_wrong_usage_and_unreadable_images(words, code):
-    done = subprocess.run([TOOL, *words], capture_output=True, text=True, check=False)
+    done = subprocess.run([TOOL, *words.split()], capture_output=True, text=True, check=False)
     assert done.returncode == code and done.stderr
+
+
+def test_output_that_cannot_be_written_is_an_error(tmp_path):
+    words = [TOOL, "map", *Image(tmp_path, STRAIGHT).arguments]
+    with open("/dev/full", "w", encoding="utf-8") as full:
+        assert subprocess.run(words, stdout=full, check=False).returncode == 3
 
 
 @pytest.mark.parametrize("command", ["status", "verify", "map", "write", "pull"])
