@@ -1,5 +1,5 @@
-// Runs a program with just one capability, as the platform's init starts a service of root's that has
-// a line of capabilities:  keep_capabilities NUMBER PROGRAM ARGUMENTS...
+// Runs a program with just one capability, as the platform's init starts a service of root's that
+// has a line of capabilities:  keep_capabilities NUMBER PROGRAM ARGUMENTS...
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/prctl.h>

@@ -44,7 +44,9 @@ def test_sizes_are_those_of_the_guide(tmp_path):
 # What the emulated device's paths are to the policy; the first that fits.
 TYPES = (("/data/vendor/ramdump", "tarnix_data_file"), ("/data/vendor", "vendor_data_file"),
          ("/dev/vda5", "userdata_block_device"), ("/dev/vda1", "misc_block_device"),
-         ("/fstab.", "rootfs"), ("/proc/cmdline", "proc_cmdline"))
+         ("/fstab.", "rootfs"), ("/vendor/etc", "vendor_configs_file"),
+         ("/proc/cmdline", "proc_cmdline"),
+         ("/sys/firmware/devicetree/base/firmware/android", "sysfs_dt_firmware_android"))
 PERMISSIONS = {"openat": "open", "fchmodat": "setattr", "newfstatat": "getattr", "read": "read",
                "write": "write", "getdents64": "read", "mkdirat": "create"}
 
@@ -63,7 +65,8 @@ def needs(trace):
         if path is None:
             continue
         kind = "blk_file" if path.startswith("/dev/") else \
-            "file" if re.search(r"\.\w+$|^/fstab|^/proc", path) else "dir"
+            "file" if re.search(r"\.\w+$|^/fstab|^/proc|^/sys", path) else "dir"
+        found |= {(name, "dir", "search") for name in {type_of(os.path.dirname(path))} if name}
         if call == "unlinkat":
             found.add((type_of(path), *(("dir", "rmdir") if "REMOVEDIR" in line
                                         else ("file", "unlink"))))
@@ -78,6 +81,8 @@ def needs(trace):
             found |= {(type_of(path), *rule) for rule in ((kind, "create"), ("dir", "add_name"))}
         if '"/dev/block/' in line:
             found |= {("block_device", "lnk_file", "read"), ("block_device", "dir", "search")}
+        if '"/proc/device-tree/' in line:
+            found.add(("proc", "lnk_file", "read"))
     return found
 
 
@@ -90,21 +95,26 @@ def test_capability_and_policy_are_enough_and_needed(tmp_path):
                      (REPO / "android/tarnix.rc").read_text())[1]
     number = re.search(rf"define CAP_{name}\s+(\d+)",
                        (SYSROOT / "usr/include/linux/capability.h").read_text())[1]
+    fstab = tmp_path / "fstab"  # its device's name is whole with the slot's suffix only
+    fstab.write_text("/dev/block/bootdevice/by-name/user /data ext4 defaults slotselect\n")
     device("make", phone, "--size", "400M", "--file", f"/bin/keep={keep}",
-           "--file", f"/bin/strace={SYSROOT}/usr/bin/strace")
+           "--file", f"/bin/strace={SYSROOT}/usr/bin/strace", "--no-fstab",
+           "--file", f"/vendor/etc/fstab.virt={fstab}", "--dt",
+           "android/compatible=android,firmware", "--dt", "android/slot_suffix=data")
     # A chain, its test, a first dump, and a second one that takes the first one's place.
-    for runs in ([CREATE, f"--run=-t {MAP}"], [], []):
+    for runs in ([CREATE, f"--run=-t {MAP}", "--file", f"/fstab.virt={fstab}"], [], []):
         log += device("boot", phone, "--wrap", f"strace -f -y -A -o /host/trace /bin/keep {number}",
                       *runs)
         trace += (phone / "boot/trace").read_text()
         crash(phone)
+    log = re.sub(r".*fstab\..*\n", "", log)  # the table that is not in /
     assert log.count("Success") == 3 and not re.search("fail|cannot|rror:", log), log
     log = device("boot", phone, "--wrap", "/bin/keep -1", "--run=-a 4096 /data/vendor/ramdump/new",
                  status=255)
     assert "failed to find block 0" in log
 
     asked = sorted(" ".join(need) for need in needs(trace))
-    assert len(asked) > 25, asked
+    assert len(asked) > 35, asked
     rules = [f"neverallow tarnix {type_}:{kind} {permission};"
              for type_, kind, permission in map(str.split, asked)]
     # Each of these rules must contradict the policy.
