@@ -25,7 +25,7 @@ int tarnix_main(int argc, char *argv[]);
 
 static const char disk_path[] = "/disk.img";
 static const uint32_t crc_seed = 0x12345678;
-static const size_t misc_start = 65536, misc_size = 65536, data_start = 131072, data_size = 262144;
+static const size_t misc_start = 20480, misc_size = 12288, data_start = 32768, data_size = 262144;
 static const size_t anchor_at = misc_start + initial_block_header_misc_offset;
 static const std::vector<uint32_t> chain = {9,  10, 11, 12, 40, 39, 38, 20, 5,  50, 51, 52,
                                             53, 54, 55, 3,  2,  1,  30, 33, 36, 61, 62, 63};
@@ -147,10 +147,10 @@ static int run_command(bool writable, const std::function<int(disk_image *)> &co
 
 // A whole disk with a pending dump of four files.
 static std::string sound_disk() {
-    write_file(disk_path, std::string(data_start + data_size + 65536, '\0'));
+    write_file(disk_path, std::string(data_start + data_size + 32768, '\0'));
     write_file("/table",
-               "label: gpt\nfirst-lba: 64\nstart=128, size=128, name=misc\n"
-               "start=256, size=512, name=userdata\n");
+               "label: gpt\nfirst-lba: 34\nstart=40, size=24, name=misc\n"
+               "start=64, size=512, name=userdata\n");
     EXPECT_EQ(0, system("/usr/sbin/sfdisk --quiet /disk.img </table"));
     const std::vector<std::string> headers = chain_headers(crc_seed, chain);
     write_file_at(disk_path, anchor_at, anchor_bytes(chain[0], 24, crc_seed, 1));
@@ -226,8 +226,8 @@ TEST(damaged_disks, are_safe_with_tarnix_chain) {
                             block_length - sizeof(block_header)});
     }
     for_each_disk(from_environment("TARNIX_DAMAGE_COUNT", 200), [&](const damaged_disk &disk) {
+        write_file(disk_path, disk.bytes);
         for (const auto &command : commands) {
-            write_file(disk_path, disk.bytes);
             const int status = run_command(command.writes, command.run);
             const bool wrote = command.writes && status == exit_good;
             EXPECT_NE(exit_usage, status) << command.name;
