@@ -6,7 +6,8 @@
 //   timed_job straightforward MAP DEVICE the chain, without the look-ahead
 //   timed_job test MAP DEVICE            the integrity test
 //   timed_job copy MAP DEVICE OUT        the raw copy
-//   timed_job extract MAP DEVICE         the pending dump, up to the moment its flag may be cleared
+//   timed_job extract MAP DEVICE         the pending dump
+//   timed_job extract-synced MAP DEVICE  the same, up to the moment its flag may be cleared
 //
 // Prints, as one line of JSON, the job's seconds and the process's peak of resident memory in KiB.
 #include <android-base/file.h>
@@ -45,12 +46,6 @@ static int run_test(const char *map, const char *device) {
     return result != 0 ? result : test_block_chain(map, device, &anchor);
 }
 
-static int run_extraction(const char *map, const char *device) {
-    int result = map_to_bin_files(map, device);
-    sync_dump_files();
-    return result;
-}
-
 static int run_job(const std::string &job, char **arguments, int count) {
     const char *map = arguments[0];
     const char *second = arguments[1];
@@ -69,10 +64,11 @@ static int run_job(const std::string &job, char **arguments, int count) {
     if (job == "copy" && count == 3) {
         return raw_read_blocks(map, second, arguments[2]);
     }
-    if (job == "extract") {
-        return run_extraction(map, second);
+    int result = job.rfind("extract", 0) == 0 ? map_to_bin_files(map, second) : -1;
+    if (job == "extract-synced") {
+        sync_dump_files();
     }
-    return -1;
+    return result;
 }
 
 int main(int argc, char *argv[]) {
@@ -82,7 +78,7 @@ int main(int argc, char *argv[]) {
     }
     std::string job = argv[1];
     // The new dump directory, and the old one's removal, are no part of the time.
-    if (job == "extract" && config_ramdump_path() != 0) {
+    if (job.rfind("extract", 0) == 0 && config_ramdump_path() != 0) {
         return 1;
     }
     auto start = std::chrono::steady_clock::now();
