@@ -152,7 +152,8 @@ static std::vector<std::string> read_back(device *d) {
     return found;
 }
 
-// With one block there is no run table, with two it holds 64 runs, with 40 all of them.
+// With one block there is no run table, with two it holds 64 runs and the other blocks are read
+// back, with 40 it holds all of them.
 TEST(bootside, every_buffer_and_piece_gives_the_same_dump) {
     for (const size_t buffer_blocks : {1U, 2U, 3U, 40U, 4000U}) {
         for (const size_t piece : {7U, 500U, 100000U}) {
@@ -161,7 +162,7 @@ TEST(bootside, every_buffer_and_piece_gives_the_same_dump) {
             bootside boot;
             ASSERT_EQ(bootside_ok, bootside_open(&boot, &d.port));
             EXPECT_EQ(80U, boot.runs);
-            const uint64_t sizes[] = {3000, payload * 2000};
+            const uint64_t sizes[] = {3000, payload * 3000};
             const std::string big = pattern(sizes[1]);
             EXPECT_EQ(3000U + 40 + 40 + sizes[1], bootside_need(&boot, sizes, 2));
             ASSERT_EQ(bootside_ok, bootside_begin_dump(&boot, 0));

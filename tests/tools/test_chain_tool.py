@@ -69,8 +69,8 @@ CHAINS = [(STRAIGHT, 512), (SCATTERED, 4096), (range(1, 9), 65536)]
 def test_device_and_pull_find_what_was_written(tmp_path, blocks, length, edge):
     image = Image(tmp_path, blocks, length, max(blocks) + 1)
     payload = length - 12
-    # An older dump whose headers lie all over the chain: none of them may come to light again.
-    old = {f"old{i}": b"\x5a" * (len(blocks) * payload // 60) for i in range(50)}
+    # An older dump with a header at the start of each block: none of them may come to light again.
+    old = {f"old{i}": b"\x5a" * (payload - 40) for i in range(len(blocks))}
     assert write(image, tmp_path, old).returncode == 0
     before, misc = image.data[0].read_bytes(), image.misc[0].read_bytes()
     rng = random.Random(edge)
