@@ -1,8 +1,8 @@
 #include "tests/support/captured_log.h"
 
 #include <android-base/logging.h>
+#include <android-base/stringprintf.h>
 #include <stdarg.h>
-#include <stdio.h>
 #include <string.h>
 
 #include "config/log.h"
@@ -30,10 +30,10 @@ extern "C" int __wrap___android_log_print(int priority, const char *tag, const c
     __attribute__((format(printf, 3, 4)));
 
 extern "C" int __wrap___android_log_print(int priority, const char *tag, const char *format, ...) {
-    char text[8192];
+    std::string text;
     va_list arguments;
     va_start(arguments, format);
-    int length = vsnprintf(text, sizeof(text), format, arguments);
+    android::base::StringAppendV(&text, format, arguments);
     va_end(arguments);
     std::string line = std::string(1, "??VDIWEFS"[priority]) + " ";
     if (strcmp(tag, TARNIX_LOG_TAG) != 0) {
@@ -44,5 +44,5 @@ extern "C" int __wrap___android_log_print(int priority, const char *tag, const c
         line += "<no line end>\n";
     }
     add_to_log(line);
-    return length;
+    return static_cast<int>(text.size());
 }
