@@ -1,11 +1,11 @@
 // Stands in for the tool in the emulator's tests: each argument list shows one thing that a run of
 // the tool needs of the device.
+#include <fcntl.h>
+#include <linux/fs.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <fcntl.h>
-#include <linux/fs.h>
 #include <unistd.h>
 
 // The file system's block number of a file's first block, or -1.
