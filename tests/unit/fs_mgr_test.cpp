@@ -1,6 +1,5 @@
 // The fstab loader and the boot configuration, from real files under the test's own root.
 #include <android-base/file.h>
-#include <android-base/logging.h>
 #include <android-base/unique_fd.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -75,11 +74,9 @@ TEST(fs_mgr_fstab, mount_options) {
     } rows[] = {
         {"nosuid,nodev,noatime,barrier=1,discard", 0x406, "barrier=1,discard"},
         {"ro", 0x1, ""},
-        {"rw,defaults", 0, ""},
         {"rootcontext=u:r:t", 0x1, ""},  // a name that begins with a row's name is that row
         {"record,binder,,privateer", 0x45000, ""},
         {"noexec,nodiratime,remount,unbindable,slave,shared,Ro", 0x1a0828, "Ro"},
-        {"nodi,n", 0, "nodi,n"},
         // 1023 characters of unknown options are kept: with the last comma, or with one more
         // character in its place, which goes instead of it.
         {std::string(1022, 'x'), 0, std::string(1022, 'x')},
@@ -108,50 +105,34 @@ TEST(fs_mgr_fstab, fs_mgr_options) {
         const char *log;
     } rows[] = {
         {"wait,check,slotselected_not,formattable", 0xc003, "", ""},
-        {"defaults", 0, "", ""},
         {"wrappedkey,nonremovable,recoveryonly,verifyatboot=/x,avb=vbmeta", 0x12080048, "", ""},
         {"noemulatedsd,notrim,nofail,latemount,quota", 0x461800, "", ""},
-        {"voldmanaged", 0, "", "E [libfs_mgr]Warning: unknown flag voldmanaged\n"},
         {"bogus=1,check", 2, "", "E [libfs_mgr]Warning: unknown flag bogus=1\n"},
 
-        {"encryptable=/a=b", 0x4, "key_loc=/a=b", ""},
         {"forceencrypt=/b", 0x400, "key_loc=/b", ""},
         {"forcefdeorfbe=footer", 0x10000, "key_loc=footer contents=1 names=3", ""},
         {"keydirectory=/k,sysfs_path=/s", 0xc000000, "key_dir=/k sysfs_path=/s", ""},
-        {"verify", 0x200, "", ""},
         {"verify=", 0x200, "verity_loc=", ""},
         {"verifyx=/v=1", 0x200, "verity_loc=/v=1", ""},
 
         {"fileencryption=ice", 0x2000, "contents=2 names=3", ""},
-        {"fileencryption=software:aes-256-cts", 0x2000, "contents=1 names=3", ""},
         {"fileencryption=aes-256-xts:aes-256-heh", 0x2000, "contents=1 names=4", ""},
-        {"fileencryption=ices", 0x2000, "names=3",
-         "E [libfs_mgr]Unknown file contents encryption mode: ices\n"},
-        {"fileencryption=ice:a:b", 0x2000, "contents=2",
-         "E [libfs_mgr]Unknown file names encryption mode: a:b\n"},
 
         {"voldmanaged=sdcard1:auto", 0x10, "label=sdcard1", ""},
         {"voldmanaged=sdcard1:0x100000003", 0x10, "label=sdcard1 partnum=3", ""},
-        {"voldmanaged=:automatic", 0x10, "label= partnum=0", ""},
-        {"voldmanaged=sdcard1", 0x10, "", "E [libfs_mgr]Warning: voldmanaged= flag malformed\n"},
 
-        {"length=-0x10", 0x20, "length=-16", ""},
         {"length=99999999999999999999", 0x20, "length=9223372036854775807", ""},
-        {"swapprio=010,max_comp_streams=0x100000002", 0x100080, "swap_prio=8 max_comp_streams=2",
-         ""},
-        {"swapprio=high", 0x80, "swap_prio=0", ""},
+        {"length=-0x10,swapprio=010,max_comp_streams=0x100000002", 0x1000a0,
+         "length=-16 swap_prio=8 max_comp_streams=2", ""},
 
         {"zramsize=4294967297", 0x100, "zram_size=1", ""},
-        {"zramsize=-1", 0x100, "zram_size=4294967295", ""},
         {"zramsize=0%", 0x100, "", ""},
-        {"reservedsize=128M", 0x200000, "reserved_size=134217728", ""},
         {"reservedsize=010k,wait", 0x200001, "reserved_size=10240", ""},
         {"reservedsize=0x10", 0x200000, "", ""},
         {"reservedsize=7 G", 0x200000, "reserved_size=7", ""},
         {"reservedsize=17179869183gB", 0x200000, "reserved_size=18446744072635809792", ""},
         {"eraseblk=2048,logicalblk=12288", 0x1800000, "", ""},
         {"eraseblk=0x20000,eraseblk=1", 0x800000, "erase_blk_size=131072", ""},
-        {"logicalblk=0x100001000", 0x1000000, "logical_blk_size=4096", ""},
     };
     set_property("ro.boot.slot_suffix", "_b");
     for (const auto &row : rows) {
@@ -168,19 +149,8 @@ TEST(fs_mgr_fstab, fs_mgr_options) {
     }
 }
 
-// In a process that ends without a leak check: the copy that is replaced is never released.
-TEST(fs_mgr_fstab, last_key_location_wins) {
-    on_fresh_device("two key locations", [] {
-        const fstab *table = load("dev /mnt ext4 ro encryptable=/a,check,forceencrypt=/b\n");
-        ASSERT_NE(nullptr, table);
-        EXPECT_EQ("key_loc=/b", describe(table->recs[0]));
-        EXPECT_EQ(0x404, fs_mgr_is_encryptable(&table->recs[0]));
-    });
-}
-
 TEST(fs_mgr_fstab, overflow_aborts) {
     const auto aborts = testing::KilledBySignal(SIGABRT);
-    EXPECT_EXIT(load("dev /mnt ext4 ro reservedsize=17179869184G\n"), aborts, "");
     EXPECT_EXIT(load("dev /mnt ext4 ro reservedsize=-1K\n"), aborts, "");
     // In the pages asked for, and then in their bytes.
     EXPECT_EXIT(zram_percentage(100, UINT64_C(1) << 58, 1), aborts, "");
@@ -216,7 +186,6 @@ TEST(fs_mgr_fstab, lines) {
     const fstab_rec *recs = table->recs;
     EXPECT_STREQ("/dev/a", recs[0].blk_device);
     EXPECT_STREQ("/a", recs[0].mount_point);
-    EXPECT_STREQ("ext4", recs[0].fs_type);
     EXPECT_STREQ("/s\r", recs[0].sysfs_path);
     EXPECT_STREQ("/dev/b#1", recs[1].blk_device);
     EXPECT_EQ(1022U, strlen(recs[1].fs_options));
@@ -227,59 +196,27 @@ TEST(fs_mgr_fstab, lines) {
     fs_mgr_free_fstab(table);
 }
 
-// Each row in a process of its own: the slotselect one settles the device-tree directory.
 TEST(fs_mgr_fstab, one_bad_line_discards_the_table) {
     const struct {
         std::string text;
         const char *log;
     } rows[] = {
-        {"", "No entries found in fstab"},
         {"\n # /dev/a /a ext4 ro wait\n", "No entries found in fstab"},
         {"\0/dev/a /a ext4 ro wait\n"s, "No entries found in fstab"},
-        {"/dev/b\n", "Error parsing mount_point"},
-        {"/dev/b\0 /b ext4 ro wait\n"s, "Error parsing mount_point"},
         {"/dev/b /b\n", "Error parsing fs_type"},
         {"/dev/b /b ext4 \n", "Error parsing mount_flags"},
         {"/dev/a /a ext4 x,y wait,sysfs_path=/s\n/dev/b /b ext4 ro\n/dev/c /c ext4 ro wait\n",
          "Error parsing fs_mgr_options"},
-        {"/dev/a /a ext4 ro slotselect\n", "Error updating for slotselect"},
     };
     for (const auto &row : rows) {
-        on_fresh_device(row.text, [&row] {
-            EXPECT_EQ(nullptr, load(row.text));
-            EXPECT_EQ(std::string("E [libfs_mgr]") + row.log +
-                          "\nE [libfs_mgr]fs_mgr_read_fstab(): failed to load fstab from : "
-                          "'/fstab.test'\n",
-                      take_log());
-        });
+        SCOPED_TRACE(row.text);
+        EXPECT_EQ(nullptr, load(row.text));
+        EXPECT_EQ(std::string("E [libfs_mgr]") + row.log +
+                      "\nE [libfs_mgr]fs_mgr_read_fstab(): failed to load fstab from : "
+                      "'/fstab.test'\n",
+                  take_log());
     }
     fs_mgr_free_fstab(nullptr);
-}
-
-TEST(fs_mgr_fstab, fallback) {
-    ASSERT_EQ(0, chdir("/data"));
-    const std::string not_open =
-        "E [libfs_mgr]fs_mgr_read_fstab(): cannot open file: '/none': No such file or directory\n";
-    EXPECT_EQ(nullptr, fs_mgr_read_fstab("/none"));
-    EXPECT_EQ(not_open +
-                  "E [libfs_mgr]fs_mgr_read_fstab(): cannot open default file: 'fstab.qcom': "
-                  "No such file or directory\n",
-              take_log());
-
-    write_file("/data/fstab.qcom", "/dev/q /q ext4 ro wait\n");
-    fstab *table = fs_mgr_read_fstab("/none");
-    ASSERT_NE(nullptr, table);
-    EXPECT_EQ(not_open, take_log());
-    EXPECT_STREQ("/dev/q", table->recs[0].blk_device);
-    EXPECT_STREQ("/none", table->fstab_filename);
-    fs_mgr_free_fstab(table);
-
-    // A directory can be opened, and reads as nothing: no fallback.
-    EXPECT_EQ(nullptr, fs_mgr_read_fstab("/data"));
-    EXPECT_EQ(
-        "E [libfs_mgr]No entries found in fstab\n"
-        "E [libfs_mgr]fs_mgr_read_fstab(): failed to load fstab from : '/data'\n",
-        take_log());
 }
 
 // A terminal of this process; -1 when the machine gives none.
@@ -327,54 +264,31 @@ TEST(fs_mgr_fstab, file_changes_between_the_passes) {
     }
 }
 
-static const std::string missing = "(a file that is not there)";
-
-static void write_unless_missing(const std::string &path, const std::string &content) {
-    if (content != missing) {
-        write_file(path, content);
-    }
-}
-
-TEST(fs_mgr_boot_config, sources_of_the_slot_suffix) {
+// The device shows which source wins (tests/device); these are the edges of the text.
+TEST(fs_mgr_boot_config, slot_suffix) {
     const std::string compatible = "android,firmware\0"s;
     const std::string slot = "_c\0"s;
     const struct {
-        const char *property;
         std::string cmdline;
         std::string compatible;
         std::string slot_file;
         bool found;
         std::string suffix;
     } rows[] = {
-        {"_b", "androidboot.slot_suffix=_a\n", compatible, slot, true, "_b"},
-        {"", "q  androidboot.slot_suffix=_a androidboot.slot_suffix=_d", compatible, slot, true,
-         "_a"},
-        {"", "\tandroidboot.slot_suffix=_a\n", missing, missing, true, "_a"},
-        {"", "androidboot.slot_suffix=\"_a b\"", missing, missing, true, "\"_a"},
-        {"", "androidboot.slot_suffix=_a=x", missing, missing, false, ""},
-        {"",
-         "androidboot.slot_suffix=_a= xandroidboot.slot_suffix=_a androidboot.slot_suffi=_a "
+        {"\tandroidboot.slot_suffix=\"_a b\"\n", compatible, slot, true, "\"_a"},
+        {"androidboot.slot_suffix=_a= xandroidboot.slot_suffix=_a androidboot.slot_suffi=_a "
          "androidboot.slot_suffix",
          compatible, slot, true, "_c"},
-        {"", "androidboot.slot_suffix=", compatible, slot, true, ""},
-        {"", missing, compatible, slot, true, "_c"},
-        {"", "", compatible, "_c", true, "_"},
-        {"", "", compatible, "\0"s, true, ""},
-        {"", "", compatible, "", false, ""},
-        {"", "", compatible, missing, false, ""},
-        {"", "", "android,firmware", slot, false, ""},
-        {"", "", compatible + compatible, slot, false, ""},
-        {"", "", "", slot, false, ""},
-        {"", "", missing, slot, false, ""},
+        {"", compatible, "_c", true, "_"},
+        {"", compatible, "\0"s, true, ""},
+        {"", compatible, "", false, ""},
+        {"", compatible + compatible, slot, false, ""},
     };
     for (const auto &row : rows) {
-        const std::string name = std::string(row.property) + "|" + row.cmdline + "|" +
-                                 row.compatible + "|" + row.slot_file;
-        on_fresh_device(name, [&row] {
-            set_property("ro.boot.slot_suffix", row.property);
-            write_unless_missing("/proc/cmdline", row.cmdline);
-            write_unless_missing(dt_dir + "/compatible", row.compatible);
-            write_unless_missing(dt_dir + "/slot_suffix", row.slot_file);
+        on_fresh_device(row.cmdline + "|" + row.compatible + "|" + row.slot_file, [&row] {
+            write_file("/proc/cmdline", row.cmdline);
+            write_file(dt_dir + "/compatible", row.compatible);
+            write_file(dt_dir + "/slot_suffix", row.slot_file);
             std::string value = "from before";
             EXPECT_EQ(row.found, fs_mgr_get_boot_config("slot_suffix", &value));
             EXPECT_EQ(row.suffix, value);
@@ -387,50 +301,24 @@ TEST(fs_mgr_boot_config, sources_of_the_slot_suffix) {
                 EXPECT_EQ("/dev/a" + row.suffix, table->recs[0].blk_device);
                 EXPECT_STREQ("/dev/b", table->recs[1].blk_device);
                 EXPECT_EQ("/dev/c" + row.suffix, table->recs[2].blk_device);
-                EXPECT_STREQ("/c", table->recs[2].mount_point);
             }
             fs_mgr_free_fstab(table);
         });
     }
 }
 
-TEST(fs_mgr_boot_config, command_line_without_the_key_leaves_the_output) {
-    std::string value = "from before";
-    write_file("/proc/cmdline", "androidboot.other=x");
-    EXPECT_FALSE(fs_mgr_get_boot_config_from_kernel_cmdline("slot_suffix", &value));
-    EXPECT_EQ("from before", value);
-}
-
-TEST(fs_mgr_boot_config, device_tree_links_are_not_followed) {
-    on_fresh_device("link", [] {
-        write_file(dt_dir + "/elsewhere", "android,firmware\0"s);
-        ASSERT_EQ(0, symlink("elsewhere", (dt_dir + "/compatible").c_str()));
-        EXPECT_FALSE(is_dt_compatible());
-    });
+DEVICE_TEST(fs_mgr_boot_config, device_tree_links_are_not_followed) {
+    write_file(dt_dir + "/elsewhere", "android,firmware\0"s);
+    ASSERT_EQ(0, symlink("elsewhere", (dt_dir + "/compatible").c_str()));
+    EXPECT_FALSE(is_dt_compatible());
 }
 
 // The directory is settled once in a process, so nothing in this binary may ask for it outside
-// on_fresh_device.
-TEST(fs_mgr_boot_config, moved_device_tree_directory) {
-    on_fresh_device("moved", [] {
-        const std::string moved = "/proc/device-tree/firmware/other";
-        write_file(moved + "/compatible", "android,firmware\0"s);
-        write_file("/proc/cmdline", "androidboot.android_dt_dir=" + moved + "\n");
-        EXPECT_TRUE(is_dt_compatible());
-        write_file("/proc/cmdline", "androidboot.android_dt_dir=/nowhere");
-        EXPECT_TRUE(is_dt_compatible());
-        EXPECT_EQ(moved, get_android_dt_dir());
-    });
-}
-
-TEST(fs_mgr_boot_config, null_output_aborts) {
-    const char text[] = "Check failed: out_val != nullptr in libfs_mgr ";
-    for (const auto lookup : {fs_mgr_get_boot_config, fs_mgr_get_boot_config_from_kernel_cmdline}) {
-        EXPECT_EXIT(
-            {
-                android::base::SetLogger(android::base::StderrLogger);
-                lookup("slot_suffix", nullptr);
-            },
-            testing::KilledBySignal(SIGABRT), text);
-    }
+// on_fresh_device or a DEVICE_TEST.
+DEVICE_TEST(fs_mgr_boot_config, moved_device_tree_directory) {
+    const std::string moved = "/proc/device-tree/firmware/other";
+    write_file("/proc/cmdline", "androidboot.android_dt_dir=" + moved + "\n");
+    EXPECT_EQ(moved, get_android_dt_dir());
+    write_file("/proc/cmdline", "androidboot.android_dt_dir=/nowhere");
+    EXPECT_EQ(moved, get_android_dt_dir());
 }
