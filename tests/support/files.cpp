@@ -40,11 +40,6 @@ void write_file_at(const std::string &path, uint64_t offset, const std::string &
     close(fd);
 }
 
-void make_unopenable(const std::string &path) {
-    make_directories(path.substr(0, path.rfind('/')));
-    must(mknod(path.c_str(), S_IFSOCK | 0600, 0) == 0, path);
-}
-
 std::string read_file(const std::string &path) {
     std::string content;
     return android::base::ReadFileToString(path, &content) ? content : "(cannot be read)";

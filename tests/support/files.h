@@ -15,9 +15,6 @@ void write_file(const std::string &path, const std::string &content);
 // Writes into the file at a byte offset, creating it or making it longer (with a hole) as needed.
 void write_file_at(const std::string &path, uint64_t offset, const std::string &content);
 
-// Puts a thing at `path` that has a stat and cannot be opened (ENXIO), not even by root.
-void make_unopenable(const std::string &path);
-
 // The content; "(cannot be read)" when it cannot be read.
 std::string read_file(const std::string &path);
 

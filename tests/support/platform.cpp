@@ -23,7 +23,6 @@
 struct test_platform platform;
 
 const call_script undisturbed;
-const call_script first_fails = {{EIO}};
 const call_script second_fails = {as_usual, {EIO}};
 const call_script interrupted_and_short = {{EINTR}, {0, 5}, {EINTR}, {EINTR}, {0, 1}};
 

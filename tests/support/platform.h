@@ -31,7 +31,6 @@ constexpr scripted_call as_usual = {0};
 using call_script = std::deque<scripted_call>;
 // Scripts that many tests share: for the tables, where a name reads better than braces.
 extern const call_script undisturbed;            // no call goes wrong
-extern const call_script first_fails;            // EIO
 extern const call_script second_fails;           // EIO
 extern const call_script interrupted_and_short;  // EINTR and pieces, none of them an error
 

@@ -66,8 +66,8 @@ DEVICE_TEST(chain_integrity, walk) {
          FIRST_LINE MISMATCH_LINES("9f00", "08c9cdde")},
         {"a seek fails", three, intact, second_fails, undisturbed, -1,
          FIRST_LINE "E error seeking to block 00008001: Input/output error\n"},
-        {"a read fails", three, intact, undisturbed, first_fails, -1,
-         "E error reading: Input/output error\n"},
+        {"a read fails", three, intact, undisturbed, second_fails, -1,
+         FIRST_LINE "E error reading: Input/output error\n"},
     };
     for (const auto &row : rows) {
         on_fresh_device(row.name, [&] {

@@ -102,8 +102,8 @@ DEVICE_TEST(chain_writer, headers_anchor_and_log) {
         std::vector<written_header> headers;  // all that changes on the device
         const char *error;                    // behind the line of the first header
     } rows[] = {
-        {"a partial block at the end", 20479, found, undisturbed, undisturbed, 0, all, ""},
-        {"interrupted", 16384, found, interrupted_and_short, interrupted_and_short, 0, all, ""},
+        {"interrupted, and a partial block at the end", 20479, found, interrupted_and_short,
+         interrupted_and_short, 0, all, ""},
         {"a hole in the middle", 16384, hole_2, undisturbed, undisturbed, -1, up_to_block_2,
          "E refusing to write to block 0\n"},
         {"no place for block 2", 16384, lost_2, undisturbed, undisturbed, -1, up_to_block_2,

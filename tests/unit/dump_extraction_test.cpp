@@ -176,13 +176,6 @@ DEVICE_TEST(dump_extraction, space_for_the_memory) {
     }
 }
 
-DEVICE_TEST(dump_extraction, a_digit_too_low_asks_for_more_than_there_is) {
-    make_dump(file_in_dump("a", 5), no_block);
-    set_property("ro.boot.ddrsize", "/");
-    EXPECT_EQ(-1, map_to_bin_files(MAP_PATH, DEVICE_PATH));
-    EXPECT_NE(std::string::npos, take_log().find("requested size: 18446744072904245248\n"));
-}
-
 DEVICE_TEST(dump_extraction, failures_outside_the_dump) {
     const std::string found = found_lines("a", "9000");
     const std::vector<fibmap_answer> lost = {{6}, {5, EIO}};
