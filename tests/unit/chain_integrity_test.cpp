@@ -1,4 +1,3 @@
-#include <errno.h>
 #include <gtest/gtest.h>
 
 #include "chain/chain_crc.h"

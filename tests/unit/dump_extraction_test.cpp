@@ -1,7 +1,6 @@
 #include <android-base/stringprintf.h>
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
