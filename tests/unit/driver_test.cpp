@@ -34,6 +34,7 @@ static void put_anchor(uint32_t flags) {
 static int run(const std::string &arguments) {
     std::vector<std::string> words = android::base::Split("tarnix " + arguments, " ");
     std::vector<char *> argv;
+    argv.reserve(words.size() + 1);
     for (std::string &word : words) {
         argv.push_back(&word[0]);
     }

@@ -101,7 +101,7 @@ DEVICE_TEST(partition_items, refusals) {
         EXPECT_EQ(-EIO, mfg_emmc_write(row.id, bytes, 0)) << row.id;
         std::string refusal = row.reason + "\nError: open partition failed, item=";
         refusal += std::to_string(row.id);
-        printed += refusal + "\n" + refusal + ".\n";
+        printed.append(refusal).append("\n").append(refusal).append(".\n");
     }
     EXPECT_EQ(-EINVAL, mfg_emmc_read(13, bytes, 5));
     EXPECT_EQ(-EINVAL, mfg_emmc_write(13, bytes, 5));
