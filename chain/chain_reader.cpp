@@ -14,22 +14,10 @@
 #include "chain/transfer.h"
 #include "config/log.h"
 
-// Copies n blocks.  A block mapped to 0, a hole, is copied from the start of the device: reading
-// there harms nothing, unlike the header that the writer refuses to put there.
 static int copy_blocks(int map_fd, int device_fd, int out_fd, uint32_t n, uint8_t *buffer,
                        int32_t block_size) {
     for (uint32_t i = 0; i < n; i++) {
-        int block = static_cast<int>(i);
-        if (map_block(map_fd, &block) != 0) {
-            log_error("failed to find block %d\n", static_cast<int>(i));
-            return -1;
-        }
-        if (seek_to_block(device_fd, block, static_cast<uint64_t>(block_size)) == -1) {
-            log_error("error seeking to block %08x: %s\n", static_cast<unsigned>(block),
-                      strerror(errno));
-            return -1;
-        }
-        if (read_retry(device_fd, buffer, static_cast<size_t>(block_size)) == -1 ||
+        if (read_file_block(map_fd, device_fd, i, buffer, block_size) == -1 ||
             write_retry(out_fd, buffer, static_cast<size_t>(block_size)) == -1) {
             return -1;
         }

@@ -13,7 +13,6 @@
 #include "chain/block_header.h"
 #include "chain/block_map.h"
 #include "chain/map_file.h"
-#include "chain/transfer.h"
 #include "config/ddr_size.h"
 #include "config/log.h"
 #include "extract/dump_stream.h"
@@ -40,19 +39,9 @@ static bool has_space(const char *map_path) {
 // Feeds the payloads of the map file's n blocks to the parser, in the order of the file, whatever
 // the links say: the file system's order is the same where the chain is intact.
 static int parse_blocks(int map_fd, int device_fd, uint32_t n, uint8_t *buffer,
-                        int64_t block_size) {
+                        int32_t block_size) {
     for (uint32_t i = 0; i < n; i++) {
-        int block = static_cast<int>(i);
-        if (map_block(map_fd, &block) != 0) {
-            log_error("failed to find block %d\n", static_cast<int>(i));
-            return -1;
-        }
-        if (seek_to_block(device_fd, block, static_cast<uint64_t>(block_size)) == -1) {
-            log_error("error seeking to block %08x: %s\n", static_cast<unsigned>(block),
-                      strerror(errno));
-            return -1;
-        }
-        if (read_retry(device_fd, buffer, static_cast<size_t>(block_size)) < 0) {
+        if (read_file_block(map_fd, device_fd, i, buffer, block_size) == -1) {
             return -1;
         }
         struct block_header header;
@@ -79,7 +68,7 @@ int map_to_bin_files(const char *map_path, const char *blkdev) {
         return -1;
     }
     // The chain was built in blocks of the same size: it is the same file.
-    int64_t block_size = static_cast<int32_t>(map_stat.st_blksize);
+    int32_t block_size = static_cast<int32_t>(map_stat.st_blksize);
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[static_cast<size_t>(block_size)]);
     if (buffer == nullptr) {
         log_error("failed to allocate block buffer\n");
