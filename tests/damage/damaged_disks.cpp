@@ -155,8 +155,7 @@ static std::string sound_disk() {
     const std::vector<std::string> headers = chain_headers(crc_seed, chain);
     write_file_at(disk_path, anchor_at, anchor_bytes(chain[0], 24, crc_seed, 1));
     for (size_t i = 0; i < chain.size(); i++) {
-        write_file_at(disk_path, data_start + chain[i] * block_length,
-                      chain_block(headers[i], '\xff'));
+        write_file_at(disk_path, data_start + chain[i] * block_length, headers[i]);
     }
     write_file("/small", std::string(5000, 's'));
     write_file("/large", std::string(40000, 'l'));

@@ -3,9 +3,6 @@
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
 #include <stdarg.h>
-#include <string.h>
-
-#include "config/log.h"
 
 static std::string lines;
 
@@ -29,20 +26,13 @@ void add_to_log(const std::string &line) {
 extern "C" int __wrap___android_log_print(int priority, const char *tag, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 
-extern "C" int __wrap___android_log_print(int priority, const char *tag, const char *format, ...) {
-    std::string text;
+extern "C" int __wrap___android_log_print(int priority, const char * /* tag */, const char *format,
+                                          ...) {
+    std::string line = std::string(1, "??VDIWEFS"[priority]) + " ";
     va_list arguments;
     va_start(arguments, format);
-    android::base::StringAppendV(&text, format, arguments);
+    android::base::StringAppendV(&line, format, arguments);
     va_end(arguments);
-    std::string line = std::string(1, "??VDIWEFS"[priority]) + " ";
-    if (strcmp(tag, TARNIX_LOG_TAG) != 0) {
-        line += std::string(tag) + ": ";
-    }
-    line += text;
-    if (line.back() != '\n') {
-        line += "<no line end>\n";
-    }
-    add_to_log(line);
-    return static_cast<int>(text.size());
+    add_to_log(line.back() == '\n' ? line : line + "<no line end>\n");
+    return 0;
 }

@@ -20,13 +20,9 @@ std::vector<std::string> chain_headers(uint32_t seed, const std::vector<uint32_t
     return headers;
 }
 
-std::string chain_block(const std::string &header, char payload) {
-    return header + std::string(block_length - header.size(), payload);
-}
-
 void make_map_file(uint64_t size) {
     write_file(MAP_PATH, "");
-    (void)!truncate(MAP_PATH, static_cast<off_t>(size));
+    must(truncate(MAP_PATH, static_cast<off_t>(size)) == 0, MAP_PATH);
 }
 
 std::string anchor_bytes(uint32_t first_block, uint32_t n_blocks, uint32_t seed, uint32_t flags) {

@@ -17,9 +17,6 @@ constexpr uint64_t block_length = 4096;  // st_blksize of every file here
 // worked out here, from zlib alone.
 std::vector<std::string> chain_headers(uint32_t seed, const std::vector<uint32_t> &blocks);
 
-// A block of the given byte behind the 12 bytes of `header`.
-std::string chain_block(const std::string &header, char payload);
-
 // Makes the map file, `size` bytes long and without content.
 void make_map_file(uint64_t size);
 

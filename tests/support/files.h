@@ -4,9 +4,13 @@
 
 #include <stdint.h>
 
+#include <set>
 #include <string>
-#include <vector>
 
+// Ends the test binary, with errno's text for `path`, unless it was done.
+void must(bool done, const std::string &path);
+
+// Makes the directory and those above it, where missing.
 void make_directories(const std::string &path);
 
 // Creates or replaces the file, making the directories above it.
@@ -18,11 +22,8 @@ void write_file_at(const std::string &path, uint64_t offset, const std::string &
 // The content; "(cannot be read)" when it cannot be read.
 std::string read_file(const std::string &path);
 
-// Bytes from `offset` on, as many of `length` as there are.
-std::string read_file_at(const std::string &path, uint64_t offset, size_t length);
-
-// Names in the directory, sorted, without "." and "..".
-std::vector<std::string> list_directory(const std::string &path);
+// Names in the directory, without "." and "..".
+std::set<std::string> list_directory(const std::string &path);
 
 // A record's bytes as they lie on disk.
 template <typename Record>

@@ -1,9 +1,10 @@
-// The platform under the code under test: properties in memory, the caller's uid, the file system's
-// answers to FIBMAP, and system calls that go wrong when a test says so.  The linker leads the
-// rooms' calls here.
+// The platform under the code under test: properties in memory (libbase's), the caller's uid, the
+// file system's answers to FIBMAP, and system calls that go wrong when a test says so.  The linker
+// leads the rooms' calls here.
 #ifndef TARNIX_TESTS_SUPPORT_PLATFORM_H
 #define TARNIX_TESTS_SUPPORT_PLATFORM_H
 
+#include <android-base/properties.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -12,9 +13,8 @@
 #include <string>
 #include <vector>
 
-// Sets a property as the platform's init would, for __system_property_get and for libbase's
-// GetProperty alike.  "" unsets it.
-void set_property(const std::string &key, const std::string &value);
+// Sets a property as the platform's init would.  "" unsets it.
+constexpr auto set_property = android::base::SetProperty;
 
 struct fibmap_answer {
     int block;      // device block
@@ -29,33 +29,26 @@ struct scripted_call {
 constexpr scripted_call as_usual = {0};
 
 using call_script = std::deque<scripted_call>;
-// Scripts that many tests share: for the tables, where a name reads better than braces.
-extern const call_script undisturbed;            // no call goes wrong
 extern const call_script second_fails;           // EIO
 extern const call_script interrupted_and_short;  // EINTR and pieces, none of them an error
 
 struct test_platform {
-    uid_t uid = 1000;                    // what getuid answers
-    bool refuses_property_sets = false;  // __system_property_set answers -1 and stores nothing
-    std::vector<fibmap_answer> fibmap;   // by file block, of any file; EINVAL behind the last
+    uid_t uid = 1000;                   // what getuid answers
+    std::vector<fibmap_answer> fibmap;  // by file block, of any file; EINVAL behind the last
     int fibmap_calls = 0;
     // The calls that come: each takes the front of its queue; with an empty queue, as usual.
     call_script reads;
     call_script writes;
     call_script seeks;
-    call_script fstatvfs_calls;
 };
 
 extern struct test_platform platform;
-
-// As on a device just started: empty directories, no properties, no log, no script.
-void start_fresh_device();
 
 // Runs `body` in a process of its own, so that what one row of a table leaves in process-wide
 // variables never meets another.  `row` names the row in failures.
 void in_own_process(const std::string &row, const std::function<void()> &body);
 
-// The same, on a fresh device.
+// The same, on a device just started: empty directories.
 void on_fresh_device(const std::string &row, const std::function<void()> &body);
 
 // A test whose body has a fresh device and a process of its own, as above.

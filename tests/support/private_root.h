@@ -11,8 +11,8 @@
 // programs and libraries and nothing else.  Empty, or why the machine does not allow it.
 std::string enter_private_root();
 
-// Empties what a device starts with: /data, /dev/block, /vendor, the fstab files of the root, and a
-// /proc that has no cmdline and no device-tree, for the test to write.  Leaves the process in "/".
+// Empties what a device starts with: /data, /dev/block, /vendor, and a /proc that has no cmdline
+// and no device-tree, for the test to write.
 void empty_device_directories();
 
 // Lays a fresh tmpfs over the directory `path`, made when missing.  `options` as for mount -o:
