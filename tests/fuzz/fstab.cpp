@@ -1,31 +1,20 @@
 // The fstab, and the lookup of the map file's device in it.
 //
-// Input: the file.
+// Input: the file.  It is written to the working directory.
 #include <android-base/logging.h>
 #include <android-base/properties.h>
 #include <assert.h>
-#include <ctype.h>
 #include <string.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <string>
 
 #include "chain/block_device_lookup.h"
 #include "fs_mgr/fs_mgr_fstab.h"
+#include "tests/support/files.h"
 
-static int file;
-static std::string file_path;
-
-// Whether a reservedsize= overflows 64 bits.  That ends the process on purpose: no finding.
+// Whether a reservedsize= may overflow 64 bits.  That ends the process on purpose: no finding.
 static bool aborts_on_purpose(const std::string &text) {
     static const std::string option = "reservedsize=";
-    static const std::string units = "kmg";
     for (size_t at = text.find(option); at != std::string::npos; at = text.find(option, at + 1)) {
-        char *unit = nullptr;
-        const uint64_t number = strtoull(&text[at + option.size()], &unit, 10);
-        const size_t rank = units.find(static_cast<char>(tolower(*unit)));
-        if (rank != std::string::npos && number > UINT64_MAX >> (10 * (rank + 1))) {
+        if (strtoull(&text[at + option.size()], nullptr, 10) > UINT64_MAX >> 30) {
             return true;
         }
     }
@@ -40,17 +29,16 @@ extern "C" const char *__asan_default_options() {
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     android::base::SetLogger([](auto...) {});
     android::base::SetProperty("ro.boot.slot_suffix", "_a");
-    file = memfd_create("fstab", MFD_CLOEXEC);
-    file_path = "/proc/self/fd/" + std::to_string(file);
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (aborts_on_purpose(std::string(reinterpret_cast<const char *>(data), size)) ||
-        ftruncate(file, 0) != 0 || pwrite(file, data, size, 0) != static_cast<ssize_t>(size)) {
+    const std::string text(reinterpret_cast<const char *>(data), size);
+    if (aborts_on_purpose(text)) {
         return -1;
     }
-    device_fstab = fs_mgr_read_fstab(file_path.c_str());
+    write_file("./fstab", text);
+    device_fstab = fs_mgr_read_fstab("./fstab");
     if (device_fstab == nullptr) {
         return 0;
     }
