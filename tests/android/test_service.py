@@ -2,45 +2,11 @@
 
 import os
 import re
-import subprocess
 
-from guide import REPO, table
+from emulated import MAP, REPO, SYSROOT, compile_for_device, crash, device, write_text
 from test_build import compile_policy
 
-CHAIN = os.environ.get("TARNIX_CHAIN", REPO / "build/native/tools/tarnix-chain")
-SYSROOT = REPO / "build/emulator/sysroot"
-MAP = "/data/vendor/ramdump/ramdump.map"
 CREATE = f"--run=-a 1048576 {MAP}"
-
-
-def device(command, folder, *arguments, status=0):
-    result = subprocess.run([REPO / "emulator/device", command, folder, *arguments], check=False,
-                            capture_output=True, text=True, errors="replace")
-    assert result.returncode == status, result.stderr
-    return result.stdout + result.stderr
-
-
-def crash(phone):
-    subprocess.run([CHAIN, "write", "--disk", phone / "disk.img", f"a.bin={__file__}"], check=True)
-
-
-def test_sizes_are_those_of_the_guide(tmp_path):
-    phone = tmp_path / "phone"
-    device("make", phone, "--size", "64M")
-    device("boot", phone, CREATE)
-    crash(phone)
-    # The service's own command line, with a dump pending and then without a map file.
-    twice = f"""sh -c '"$@"; mv {MAP} /data/m; "$@"; s=$?; mv /data/m {MAP}; exit $s' sh"""
-    for ram, *sizes, one_kept, two_kept in table("Space"):
-        map_size, dump, free = (int(cell.replace(",", "")) for cell in sizes)
-        ram_size = [] if ram == "none" else ["--prop", f"ro.boot.ddrsize={ram}"]
-        log = device("boot", phone, "--wrap", twice, *ram_size, status=255)
-        assert re.findall(r"requested size: (\d+)", log) == [str(free), str(map_size)], ram
-        assert dump == map_size // 4096 * 4084
-        assert [one_kept, two_kept] == [f"{round((map_size + kept * free) / (1 << 30), 3):g} GiB"
-                                        for kept in (1, 2)]
-
-
 # What the emulated device's paths are to the policy; the first that fits.
 TYPES = (("/data/vendor/ramdump", "tarnix_data_file"), ("/data/vendor", "vendor_data_file"),
          ("/dev/vda5", "userdata_block_device"), ("/dev/vda1", "misc_block_device"),
@@ -68,9 +34,8 @@ def needs(trace):
             "file" if re.search(r"\.\w+$|^/fstab|^/proc|^/sys", path) else "dir"
         found |= {(name, "dir", "search") for name in {type_of(os.path.dirname(path))} if name}
         if call == "unlinkat":
-            found.add((type_of(path), *(("dir", "rmdir") if "REMOVEDIR" in line
-                                        else ("file", "unlink"))))
-            found.add((type_of(path), "dir", "remove_name"))
+            removed = ("dir", "rmdir") if "REMOVEDIR" in line else ("file", "unlink")
+            found |= {(type_of(path), *rule) for rule in (removed, ("dir", "remove_name"))}
         elif call == "statfs":
             found.add(("labeledfs", "filesystem", "getattr"))
         elif "FIBMAP" in line:
@@ -87,39 +52,38 @@ def needs(trace):
 
 
 def test_capability_and_policy_are_enough_and_needed(tmp_path):
-    keep, phone, log, trace = tmp_path / "keep", tmp_path / "phone", "", ""
-    subprocess.run(["clang", "--target=aarch64-linux-gnu", f"--sysroot={SYSROOT}", "-fuse-ld=lld",
-                    "-Wall", "-Werror", "-o", keep, REPO / "tests/android/keep_capabilities.c"],
-                   check=True)
+    phone, log, trace = tmp_path / "phone", "", ""
+    keep = compile_for_device(REPO / "tests/android/keep_capabilities.c", tmp_path / "keep")
     name = re.search(r"\n +user root\n(?: .*\n)* +capabilities (\w+)\n",
                      (REPO / "android/tarnix.rc").read_text())[1]
-    number = re.search(rf"define CAP_{name}\s+(\d+)",
-                       (SYSROOT / "usr/include/linux/capability.h").read_text())[1]
-    fstab = tmp_path / "fstab"  # its device's name is whole with the slot's suffix only
-    fstab.write_text("/dev/block/bootdevice/by-name/user /data ext4 defaults slotselect\n")
+    with open(f"{SYSROOT}/usr/include/linux/capability.h", encoding="utf-8") as stream:
+        number = re.search(rf"define CAP_{name}\s+(\d+)", stream.read())[1]
+    # The device's name in it is whole with the slot's suffix only.
+    fstab = write_text(tmp_path / "fstab",
+                       "/dev/block/bootdevice/by-name/user /data ext4 defaults slotselect\n")
     device("make", phone, "--size", "400M", "--file", f"/bin/keep={keep}",
            "--file", f"/bin/strace={SYSROOT}/usr/bin/strace", "--no-fstab",
            "--file", f"/vendor/etc/fstab.virt={fstab}", "--dt",
            "android/compatible=android,firmware", "--dt", "android/slot_suffix=data")
     # A chain, its test, a first dump, and a second one that takes the first one's place.
     for runs in ([CREATE, f"--run=-t {MAP}", "--file", f"/fstab.virt={fstab}"], [], []):
-        log += device("boot", phone, "--wrap", f"strace -f -y -A -o /host/trace /bin/keep {number}",
-                      *runs)
+        log += device("boot", phone, *runs, "--wrap",
+                      f"strace -f -y -A -o /host/trace /bin/keep {number}").stderr
         trace += (phone / "boot/trace").read_text()
-        crash(phone)
+        crash(phone, {"a.bin": bytes(5000)})
     log = re.sub(r".*fstab\..*\n", "", log)  # the table that is not in /
     assert log.count("Success") == 3 and not re.search("fail|cannot|rror:", log), log
-    log = device("boot", phone, "--wrap", "/bin/keep -1", "--run=-a 4096 /data/vendor/ramdump/new",
-                 status=255)
+    log = device("boot", phone, "--wrap", "/bin/keep -1",
+                 "--run=-a 4096 /data/vendor/ramdump/new", accept=[255]).stderr
     assert "failed to find block 0" in log
 
-    asked = sorted(" ".join(need) for need in needs(trace))
+    asked = needs(trace)
     assert len(asked) > 35, asked
-    rules = [f"neverallow tarnix {type_}:{kind} {permission};"
-             for type_, kind, permission in map(str.split, asked)]
     # Each of these rules must contradict the policy.
-    result = compile_policy("userdebug", tmp_path / "policy", "\n".join(["", *rules]))
+    rules = "".join(f"\nneverallow tarnix {type_}:{kind} {permission};"
+                    for type_, kind, permission in asked)
+    result = compile_policy("userdebug", tmp_path / "policy", rules)
     allowed = re.findall(r"violated by allow tarnix (\w+):(\w+) \{ (.*?) \}", result.stderr)
-    granted = {f"{type_} {kind} {permission}".replace("tarnix capability", "self capability")
-               for type_, kind, permissions in allowed for permission in permissions.split()}
-    assert not set(asked) - granted, result.stderr
+    granted = {(type_.replace("tarnix", "self") if kind == "capability" else type_, kind, word)
+               for type_, kind, words in allowed for word in words.split()}
+    assert not asked - granted, result.stderr

@@ -1,15 +1,32 @@
-"""The tables of messages in docs/integration.md against the messages in the sources."""
+"""docs/integration.md: its commands, as a new integrator follows them on the emulated device, and
+its tables of messages against those in the sources."""
 
 import re
+import shutil
 
-from guide import REPO, table
+from emulated import REPO, run
+from test_build import ROOMS
 
-ROOMS = ("chain", "config", "driver", "extract", "fs_mgr", "partitions")
+GUIDE = (REPO / "docs/integration.md").read_text()
+FOLDER = REPO / "build/first-dump"  # the commands'
 STRING = r'"(?:[^"\\]|\\.)*"'
 CALL = re.compile(rf"\b(log_\w+|\w*printf|P?LOG|CHECK|next_field)\(((?:{STRING}|[^;\"])*);")
 CONVERSION = re.compile(r"%[-#0-9]*(?:l|ll|z)?[diuxsc]")
 PRIORITIES = {"log_info": "I", "log_warn": "W", "log_error": "E", "printf": "out", "LOG": "E",
               "PLOG": "E", "CHECK": "F", "next_field": "E"}
+
+
+def test_the_commands_end_with_a_dump():
+    shutil.rmtree(FOLDER, ignore_errors=True)
+    commands = "\n".join(re.findall(r"^```sh\n(.*?)^```$", GUIDE, re.M | re.S))
+    shown = run("bash", "-euxo", "pipefail", "-c", commands, cwd=REPO).stdout
+    milestones = re.findall("^valid$|Read 262143 blocks successfully|^done$", shown, re.M)
+    assert milestones == ["valid", "Read 262143 blocks successfully", "done"], shown
+    written, fetched = ({path.name: path.read_bytes() for path in folder.iterdir()}
+                        for folder in (FOLDER / "phone/crash", FOLDER / "apq/00"))
+    assert written and fetched == written
+    collected = (FOLDER / "device.txt").read_text()
+    assert all(text in collected for text in ("72644842", "/data ext4", "apq/00", "Linux version"))
 
 
 def strings(text):
@@ -53,8 +70,9 @@ def source_of(shown, messages):
 
 def test_every_message_is_explained_and_every_explained_message_exists():
     messages, explained = source_messages(), set()
-    for heading in ("Messages of a failing run", "Messages of a good run"):
-        for texts, priorities, *_ in table(heading):
+    for section in re.split("^### Messages of a .* run$", GUIDE, flags=re.M)[1:]:
+        rows = re.search(r"(?:^\|.*\n)+", section, flags=re.M)[0].splitlines()[2:]
+        for texts, priorities, *_ in (row.strip("| ").split(" | ") for row in rows):
             sources = {source_of(shown, messages) for shown in re.findall("`([^`]+)`", texts)}
             assert {priority for _, priority in sources} == set(priorities.split(", ")), texts
             explained |= sources
