@@ -2,13 +2,13 @@
 // files into its blocks, and tells the device's own tool, through the anchor in misc, that a dump
 // waits.
 //
-// Freestanding: no library, allocation, static state, exceptions or RTTI.  A port supplies the
+// Freestanding: no library, allocation, static state, exceptions or RTTI. A port supplies the
 // callbacks of bootside_port and defines memcpy, memset, memmove and memcmp, which compilers call.
 // The header is C11 and C++17; the records are little-endian, and so must the processor be.
 //
 // Order of calls: bootside_open, bootside_begin_dump, then for each file bootside_begin_file and as
-// many bootside_write as wanted, then bootside_finish.  Only bootside_finish makes the dump
-// visible.  After a failed transfer or flush there is no way on but bootside_open: every other call
+// many bootside_write as wanted, then bootside_finish. Only bootside_finish makes the dump
+// visible. After a failed transfer or flush there is no way on but bootside_open: every other call
 // is refused with bootside_out_of_order.
 #ifndef TARNIX_BOOTSIDE_BOOTSIDE_H
 #define TARNIX_BOOTSIDE_BOOTSIDE_H
@@ -56,7 +56,7 @@ enum bootside_result {
 // A line about `result` for a console, without line end: never null, constant.
 const char *bootside_result_text(enum bootside_result result);
 
-// What the port supplies.  The record must outlive the context that was opened with it.
+// What the port supplies. The record must outlive the context that was opened with it.
 //
 // The transfers return 0 when all `length` bytes have been transferred, anything else is a failure.
 // Those of the data partition are whole blocks of the chain at a multiple of the block length;
@@ -73,7 +73,7 @@ struct bootside_port {
     // zlib's crc32: CRC-32 of IEEE 802.3, continued from `crc`, the result for earlier bytes or 0.
     uint32_t (*crc32)(void *user, uint32_t crc, const void *data, size_t length);
     uint64_t data_size;  // bytes in the data partition
-    // Working memory, any alignment, the kit's from bootside_open on.  One block is enough; from
+    // Working memory, any alignment, the kit's from bootside_open on. One block is enough; from
     // two blocks on, a part remembers the chain's physical runs, which saves reading blocks back
     // before they are written; the larger the rest, the fewer and larger the transfers (1 MiB is
     // plenty).
@@ -81,7 +81,7 @@ struct bootside_port {
     size_t buffer_size;
 };
 
-// Where a chain fails, for the results of the first three groups above.  The place of a failed
+// Where a chain fails, for the results of the first three groups above. The place of a failed
 // transfer is where it began; a failed flush has none.
 struct bootside_fault {
     uint32_t position;  // in the chain, from 0
@@ -92,7 +92,7 @@ struct bootside_fault {
     uint32_t found;
 };
 
-// The anchor, and a place in the chain.  Callers read it and leave it alone.
+// The anchor, and a place in the chain. Callers read it and leave it alone.
 struct bootside_walk {
     const struct bootside_port *port;
     uint32_t first_block, block_length, n_blocks, seed, flags;  // the anchor's fields
@@ -105,7 +105,7 @@ struct bootside_walk {
     struct bootside_fault fault;
 };
 
-// The context: any memory of the caller's, filled by bootside_open.  `walk` up to `n_blocks` and
+// The context: any memory of the caller's, filled by bootside_open. `walk` up to `n_blocks` and
 // its `fault`, and `runs`, are for callers to read.
 struct bootside {
     struct bootside_walk walk;
@@ -116,37 +116,37 @@ struct bootside {
     uint64_t stream, file_left;
 };
 
-// Reads the anchor and walks the whole chain, writing nothing.  bootside_ok when every block's
+// Reads the anchor and walks the whole chain, writing nothing. bootside_ok when every block's
 // magic and CRC is right, the chain has as many blocks as the anchor says, each lies inside the
 // partition and none occurs twice; otherwise a result of the first three groups with walk.fault
 // saying where. A chain that fails is never written to: its blocks may belong to some other file by
 // now.
 enum bootside_result bootside_open(struct bootside *boot, const struct bootside_port *port);
 
-// Payload bytes of an opened chain: what the files' bytes, headers and padding have to fit in.  0
+// Payload bytes of an opened chain: what the files' bytes, headers and padding have to fit in. 0
 // when bootside_open has failed.
 uint64_t bootside_capacity(const struct bootside *boot);
 
 // Payload bytes that files of these sizes take in this order, headers and padding included;
-// UINT64_MAX when that is more than any chain has.  They fit if it is at most bootside_capacity.
+// UINT64_MAX when that is more than any chain has. They fit if it is at most bootside_capacity.
 uint64_t bootside_need(const struct bootside *boot, const uint64_t *sizes, size_t count);
 
 // Whether a file of this name and size may be in a dump, as bootside_begin_file will judge it;
 // looks at nothing but its arguments.
 enum bootside_result bootside_check_file(const char *name, uint64_t size);
 
-// Starts a dump on an opened chain.  Refused with bootside_dump_pending while an earlier dump waits
+// Starts a dump on an opened chain. Refused with bootside_dump_pending while an earlier dump waits
 // for the device, unless `replace` is not 0: then that dump is given up, by clearing its flag, when
 // the first block is written over.
 enum bootside_result bootside_begin_dump(struct bootside *boot, int replace);
 
-// Starts the next file.  `name` has 1 to 19 characters, no "/"; `size` is the number of bytes to
-// come, at least 1.  Of two files with one name the device keeps the later.  After a refusal,
+// Starts the next file. `name` has 1 to 19 characters, no "/"; `size` is the number of bytes to
+// come, at least 1. Of two files with one name the device keeps the later. After a refusal,
 // another file may be tried or the dump finished without it.
 enum bootside_result bootside_begin_file(struct bootside *boot, const char *name, uint64_t size);
 
-// The next `length` bytes of the file begun last.  They are copied; when the buffer is full of
-// blocks it is written.  A file once begun must get all its bytes, so fill up what cannot be read;
+// The next `length` bytes of the file begun last. They are copied; when the buffer is full of
+// blocks it is written. A file once begun must get all its bytes, so fill up what cannot be read;
 // the only other way out is bootside_begin_dump, which starts over.
 enum bootside_result bootside_write(struct bootside *boot, const void *data, size_t length);
 

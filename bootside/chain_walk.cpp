@@ -41,7 +41,7 @@ static enum bootside_result check_geometry(struct bootside_walk *walk) {
     // Block numbers stay below 2^31: that is as far as a file system's answers go.
     const uint64_t blocks = walk->port->data_size / length;
     walk->data_blocks = blocks < 0x80000000U ? static_cast<uint32_t>(blocks) : 0x80000000U;
-    // Block 0 is never in a chain, so a partition of n blocks holds n - 1 at most.  This is what
+    // Block 0 is never in a chain, so a partition of n blocks holds n - 1 at most. This is what
     // bounds the walk, whatever the anchor claims.
     if (walk->n_blocks == 0 || walk->n_blocks >= walk->data_blocks) {
         return anchor_fault(walk, bootside_bad_block_count,
@@ -180,7 +180,7 @@ enum bootside_result chain_walk_follow(struct bootside_walk *walk) {
     return bootside_ok;
 }
 
-// Looks for `block` among the first `positions` blocks, by the links alone.  Returns the position,
+// Looks for `block` among the first `positions` blocks, by the links alone. Returns the position,
 // or `positions` when it is not there.
 static uint32_t first_position_of(const struct bootside_walk *from, uint32_t block,
                                   uint32_t positions) {

@@ -1,15 +1,15 @@
 // Walking the chain by its links, one block after another, from an anchor that nobody vouches for.
 //
-// A strict walk calls chain_walk_start and then chain_walk_step until `position` is `n_blocks`.  A
+// A strict walk calls chain_walk_start and then chain_walk_step until `position` is `n_blocks`. A
 // reader that wants what can still be had of a damaged chain calls the three parts of a step itself
-// and goes on after a wrong CRC.  Every failure fills walk->fault.
+// and goes on after a wrong CRC. Every failure fills walk->fault.
 #ifndef TARNIX_BOOTSIDE_CHAIN_WALK_H
 #define TARNIX_BOOTSIDE_CHAIN_WALK_H
 
 #include "bootside/bootside.h"
 
 // Reads the anchor, checks what it says against the partition and the buffer, and stands at the
-// chain's first block.  The walk uses the port's read_misc, read_data, crc32, data_size and buffer.
+// chain's first block. The walk uses the port's read_misc, read_data, crc32, data_size and buffer.
 enum bootside_result chain_walk_start(struct bootside_walk *walk, const struct bootside_port *port);
 
 // Goes back to the first block.
@@ -18,16 +18,16 @@ void chain_walk_rewind(struct bootside_walk *walk);
 // Brings the current block into memory (content, next and stored_crc) and checks its magic.
 enum bootside_result chain_walk_read(struct bootside_walk *walk);
 
-// Takes the running CRC over the current block's link and compares it with the stored one.  After a
+// Takes the running CRC over the current block's link and compares it with the stored one. After a
 // mismatch the running CRC is the computed one.
 enum bootside_result chain_walk_check(struct bootside_walk *walk);
 
-// Goes to the next block.  Fails where the link leaves the partition, is 0 before n_blocks blocks
+// Goes to the next block. Fails where the link leaves the partition, is 0 before n_blocks blocks
 // have been seen, or is not 0 in the last of them.
 enum bootside_result chain_walk_follow(struct bootside_walk *walk);
 
 // The three above; and a block that turns out wrong because the chain has been there before is
-// reported as bootside_block_twice.  A walk that ends with n_blocks steps has seen no block twice.
+// reported as bootside_block_twice. A walk that ends with n_blocks steps has seen no block twice.
 enum bootside_result chain_walk_step(struct bootside_walk *walk);
 
 // One step of the chain's CRC: `crc` continued over the link from `block` to `next`.

@@ -19,7 +19,7 @@ inline uint32_t block_payload(const struct bootside *boot) {
 }
 
 // Where the next file header stands when the stream has `stream` bytes: there, or behind the
-// padding when fewer bytes are left in the block than a header has.  A header never straddles two
+// padding when fewer bytes are left in the block than a header has. A header never straddles two
 // blocks.
 inline uint64_t header_place(const struct bootside *boot, uint64_t stream) {
     const uint32_t payload = block_payload(boot);

@@ -1,7 +1,7 @@
 // Lays the dump stream into the chain.
 //
 // Blocks are staged in the working buffer as a stretch: consecutive both in the chain and on the
-// medium, each with its header in place, so that one transfer writes them whole.  The headers come
+// medium, each with its header in place, so that one transfer writes them whole. The headers come
 // from the run table, or, where that had no room, from reading the blocks back.
 #include "bootside/chain_walk.h"
 #include "bootside/dump_state.h"
@@ -96,7 +96,7 @@ static enum bootside_result stage_stretch(struct bootside *boot) {
     return stage_from_medium(boot);
 }
 
-// Writes the first `blocks` blocks of the stretch.  A pending dump that is being replaced loses its
+// Writes the first `blocks` blocks of the stretch. A pending dump that is being replaced loses its
 // flag before the first of its blocks changes, so that the flag never stands over a mixture.
 static enum bootside_result write_stretch(struct bootside *boot, uint32_t blocks) {
     struct bootside_walk *walk = &boot->walk;
@@ -120,7 +120,7 @@ static enum bootside_result write_stretch(struct bootside *boot, uint32_t blocks
     return bootside_write_failed;
 }
 
-// Makes room for payload at stretch_index, stretch_at.  The caller knows that the chain has some.
+// Makes room for payload at stretch_index, stretch_at. The caller knows that the chain has some.
 static enum bootside_result make_room(struct bootside *boot) {
     if (boot->stretch_index < boot->stretch_blocks) {
         return bootside_ok;
@@ -243,7 +243,7 @@ enum bootside_result bootside_write(struct bootside *boot, const void *data, siz
 }
 
 // Zeros where the next header would stand, and to the end of that block: the device's parser stops
-// there, whatever an older dump has left behind it.  A full chain has no such place and needs none.
+// there, whatever an older dump has left behind it. A full chain has no such place and needs none.
 static enum bootside_result mark_end(struct bootside *boot) {
     const uint32_t payload = block_payload(boot);
     const uint64_t place = header_place(boot, boot->stream);

@@ -1,5 +1,5 @@
 // The chain's physical runs, remembered in the tail of the working buffer by the walk that verified
-// the chain.  With them the headers of the blocks to be written are made again instead of read
+// the chain. With them the headers of the blocks to be written are made again instead of read
 // back.
 #ifndef TARNIX_BOOTSIDE_RUN_TABLE_H
 #define TARNIX_BOOTSIDE_RUN_TABLE_H
@@ -11,7 +11,7 @@ struct chain_run {
     uint32_t blocks;  // consecutive ones in the chain
 };
 
-// Divides the buffer between transfers and table: a sixteenth of its blocks for the table.  A
+// Divides the buffer between transfers and table: a sixteenth of its blocks for the table. A
 // buffer of one block has no table, and the writer reads every block before it writes it.
 void run_table_reserve(struct bootside *boot);
 

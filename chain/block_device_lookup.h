@@ -4,13 +4,13 @@
 
 struct fstab;
 
-// The device's file-system table.  Loaded by the driver before the lookup, null until then; never
+// The device's file-system table. Loaded by the driver before the lookup, null until then; never
 // released.
 extern struct fstab *device_fstab;
 
 // Finds the first entry of device_fstab whose mount point is `path` or an ancestor of it, and
-// returns the entry's block device; the string belongs to the table.  Sets `encryptable` and
-// `encrypted` to 0 or 1.  Null, with both left as they are, when no entry matches.
+// returns the entry's block device; the string belongs to the table. Sets `encryptable` and
+// `encrypted` to 0 or 1. Null, with both left as they are, when no entry matches.
 //
 // `path` is absolute, and mount points are compared with it as text: "/", or one with a "/" at its
 // end, is no ancestor of anything.

@@ -5,8 +5,8 @@
 //        4      4  next_block  physical number of the chain's next block, 0 in the last one
 //        8      4  crc32       running CRC of the chain after this block (chain/chain_crc.h)
 //
-// All numbers are unsigned 32-bit little-endian.  Block numbers are physical numbers on the block
-// device in units of the chain's block length.  The rest of the block is payload: the boot side
+// All numbers are unsigned 32-bit little-endian. Block numbers are physical numbers on the block
+// device in units of the chain's block length. The rest of the block is payload: the boot side
 // writes it and leaves these 12 bytes as they are.
 #ifndef TARNIX_CHAIN_BLOCK_HEADER_H
 #define TARNIX_CHAIN_BLOCK_HEADER_H

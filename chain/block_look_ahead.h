@@ -2,7 +2,7 @@
 //
 // A header is 12 bytes, and the kernel has to read the page around them before it can take them.
 // Read one at a time, as the headers come, these pages are nine tenths of the time that building a
-// chain takes.  So the blocks that come are mapped some way ahead, and their pages announced, run
+// chain takes. So the blocks that come are mapped some way ahead, and their pages announced, run
 // by run of neighbouring blocks, while the headers before them are written.
 #ifndef TARNIX_CHAIN_BLOCK_LOOK_AHEAD_H
 #define TARNIX_CHAIN_BLOCK_LOOK_AHEAD_H
@@ -12,7 +12,7 @@
 // How many blocks are mapped ahead: 2 MiB of pages for the device to work on.
 constexpr int32_t look_ahead_window = 512;
 
-// Longest announcement, in blocks of 4 KiB: 128 KiB.  Kernels before 4.10 read no more than the
+// Longest announcement, in blocks of 4 KiB: 128 KiB. Kernels before 4.10 read no more than the
 // device's read-ahead limit of one announcement, 128 KiB on most, and drop the rest.
 constexpr int32_t look_ahead_piece = 32;
 
@@ -34,11 +34,11 @@ struct block_look_ahead {
     struct mapped_block blocks[look_ahead_window];
 };
 
-// Starts before block 0.  Asks nothing yet.
+// Starts before block 0. Asks nothing yet.
 void start_look_ahead(struct block_look_ahead *ahead, int file, int device, uint64_t block_size,
                       int32_t end);
 
-// The file system's answer for block `index`.  Blocks are taken in order from 0, each once; after
+// The file system's answer for block `index`. Blocks are taken in order from 0, each once; after
 // one without a place the caller stops.
 struct mapped_block take_block(struct block_look_ahead *ahead, int32_t index);
 

@@ -32,7 +32,7 @@ static int read_header(int device_fd, int64_t block, uint64_t block_size,
     return 0;
 }
 
-// Walks to the link 0.  On purpose nothing else bounds the walk, not even the anchor's count: it
+// Walks to the link 0. On purpose nothing else bounds the walk, not even the anchor's count: it
 // shows what a boot side that follows the links would meet.
 static int walk_chain(int device_fd, uint64_t block_size, uint32_t first_block) {
     int64_t block = first_block;

@@ -39,7 +39,7 @@ void write_header(int fd, int64_t block, int64_t next, uint64_t block_size, int3
     (void)write_retry(fd, &header, sizeof(header));
 }
 
-// Writes the headers of all `n` blocks of the map file.  -1 at a block without a place, before any
+// Writes the headers of all `n` blocks of the map file. -1 at a block without a place, before any
 // further header is written.
 static int write_headers(struct block_look_ahead *blocks, int32_t n, int first_block) {
     int32_t prev = first_block;

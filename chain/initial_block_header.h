@@ -5,7 +5,7 @@
 //        4      4  first_block   physical number of the chain's first block
 //        8      4  block_length  bytes in a block, the unit of every block number
 //       12      4  n_blocks      blocks in the chain
-//       16      4  crc32         seed: the running CRC before the first block was chained.  Not the
+//       16      4  crc32         seed: the running CRC before the first block was chained. Not the
 //                                CRC of the last block, since a verifier starts from here.
 //       20      4  flags         1 from the tool; the boot side adds initial_block_header_dump_flag
 //

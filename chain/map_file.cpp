@@ -34,7 +34,7 @@ uint64_t get_directory_available_space(const char * /* path */) {
     return available;
 }
 
-// Writes `size` bytes of 0xFF.  Every block has to be written, since only then does the file system
+// Writes `size` bytes of 0xFF. Every block has to be written, since only then does the file system
 // give it the place that the chain refers to.
 static int fill_file(int fd, const uint8_t *chunk, uint64_t size) {
     int count = static_cast<int>(size / chunk_size);

@@ -5,13 +5,13 @@
 #include <stdint.h>
 
 // Creates the map file at `path` with exactly `size` bytes, each 0xFF, mode 0660, written in full
-// and synced so that every block has its place on the device.  0 on success; -1 after an error,
-// which is logged: no room, the file cannot be opened or written, or a size of 0.  A failure after
+// and synced so that every block has its place on the device. 0 on success; -1 after an error,
+// which is logged: no room, the file cannot be opened or written, or a size of 0. A failure after
 // the check for room leaves what was written, and nothing of an old file: size 0 empties it too.
 int create_file(const char *path, uint64_t size);
 
 // Free bytes, for an unprivileged user, of the file system that holds /data/vendor; 0 when it
-// cannot tell.  `path` is ignored.
+// cannot tell. `path` is ignored.
 uint64_t get_directory_available_space(const char *path);
 
 #endif

@@ -3,7 +3,7 @@
 
 #include <stdint.h>
 
-// 1 when the map file's creation and the chain writer log how far they are, else 0.  Set by the
+// 1 when the map file's creation and the chain writer log how far they are, else 0. Set by the
 // driver (-p, -a, -s).
 extern uint8_t show_progress;
 

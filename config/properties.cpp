@@ -9,7 +9,7 @@ static_assert(property_value_max == PROP_VALUE_MAX, "the platform's limit");
 // A uid is user * 100000 + application id.
 static const uid_t uids_per_user = 100000;
 
-// First application id that sees the mask.  Applications start at 10000; the first 400 of them are
+// First application id that sees the mask. Applications start at 10000; the first 400 of them are
 // the ones that ship with the device, and see the real values on purpose.
 static const uid_t first_masked_application_id = 10400;
 

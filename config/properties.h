@@ -5,9 +5,9 @@
 // Bytes of a value's buffer, its NUL included: the platform's limit.
 constexpr int property_value_max = 92;
 
-// Reads the property `key` into `value`, a buffer of property_value_max bytes.  An unset or empty
+// Reads the property `key` into `value`, a buffer of property_value_max bytes. An unset or empty
 // property gives `default_value`, cut to 91 characters, or the empty string when that is null.
-// Returns the length of what is left in `value`.  To a caller with an application's uid the names
+// Returns the length of what is left in `value`. To a caller with an application's uid the names
 // that identify the device read as "unknown", set or not.
 int property_get(const char *key, char *value, const char *default_value);
 

@@ -1,5 +1,5 @@
 // tarnix: prepares a chain of raw blocks for the boot side to dump memory into, and turns such a
-// dump into files.  One run is a straight line from the gates to one exit status.
+// dump into files. One run is a straight line from the gates to one exit status.
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
@@ -69,7 +69,7 @@ static bool can_be_read(const char *path) {
     return true;
 }
 
-// Takes the old chain's anchor away, now that its blocks are no longer the map file's.  The record
+// Takes the old chain's anchor away, now that its blocks are no longer the map file's. The record
 // in memory stays as it was read.
 static void clear_anchor() {
     log_error("start to clear init header!!\n");
@@ -79,7 +79,7 @@ static void clear_anchor() {
     log_error("clear init header ok!!\n");
 }
 
-// Sees whether there is a map file with an anchor, and makes a new one when not.  Negative when it
+// Sees whether there is a map file with an anchor, and makes a new one when not. Negative when it
 // cannot be made.
 static int prepare_map_file(struct run_state *run) {
     const char *path = run->options.map_path;
@@ -117,7 +117,7 @@ static bool load_fstab(const char *directory_prefix) {
     return true;
 }
 
-// Finds the block device under the map file.  0, or the exit status 1.
+// Finds the block device under the map file. 0, or the exit status 1.
 static int find_device(struct run_state *run) {
     if (realpath(run->options.map_path, run->resolved_path) == nullptr) {
         log_error("failed to convert %s to absolute path: %s", run->options.map_path,
@@ -174,7 +174,7 @@ static int extract_dump(struct run_state *run) {
     return status;
 }
 
-// Builds, copies out or extracts.  `status` is the result so far.
+// Builds, copies out or extracts. `status` is the result so far.
 static int run_mode(struct run_state *run, int status) {
     const struct run_options *options = &run->options;
     log_info("initializing block chain (i=%08x)\n", chain_crc);

@@ -26,7 +26,7 @@ void help(char *argv[]) {
     log_info("converting it.\n");
 }
 
-// Room for the RAM and another GiB.  Without a RAM size one byte less than a GiB, on purpose.
+// Room for the RAM and another GiB. Without a RAM size one byte less than a GiB, on purpose.
 static uint64_t map_size_for_ram() {
     uint64_t ddr_size = 0;
     return read_ddr_size(&ddr_size) ? ddr_size + 0x40000000 : 0x3FFFFFFF;

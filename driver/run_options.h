@@ -16,10 +16,10 @@ struct run_options {
 // The map file where none is named on the command line, and the one that an extraction reads.
 extern const char default_map_path[];
 
-// Logs the usage, line by line.  `argv` is main's.
+// Logs the usage, line by line. `argv` is main's.
 void help(char *argv[]);
 
-// Reads the command line into `options`, chain_crc (-i) and show_progress.  0; 2 for an option that
+// Reads the command line into `options`, chain_crc (-i) and show_progress. 0; 2 for an option that
 // there is not, or one without its argument, after the usage.
 int parse_options(int argc, char *argv[], struct run_options *options);
 

@@ -70,7 +70,7 @@ static uint64_t get_directory_total_space(const char *path) {
     return total;
 }
 
-// The number after the highest one.  Gaps below it are never filled again: a directory's number
+// The number after the highest one. Gaps below it are never filled again: a directory's number
 // tells its age.
 static int next_dump_number(struct dirent **entries, int n) {
     if (n == 0) {

@@ -7,7 +7,7 @@
 //       32      8  reserved  kept, never used
 //       40   size  data      runs on across as many blocks as it needs
 //
-// All numbers are unsigned little-endian.  The stream is the blocks' payloads one after another.  A
+// All numbers are unsigned little-endian. The stream is the blocks' payloads one after another. A
 // header follows the previous file's data directly, unless fewer than 40 payload bytes are left in
 // that block: then those are padding and the header is at the start of the next block's payload.
 #ifndef TARNIX_EXTRACT_DUMP_FILE_HEADER_H

@@ -5,17 +5,17 @@
 #include <stdint.h>
 
 // Takes the next `len` bytes of the dump stream, one block's payload, and writes the files that it
-// finds into ramdump_path.  A file may run on from call to call.  Returns 0 when all bytes were
+// finds into ramdump_path. A file may run on from call to call. Returns 0 when all bytes were
 // taken; -1 at the end of the dump or an error in it, with a line in the log, after which it is not
 // to be called again; `len` itself when that is below 1.
 int64_t process_data(uint8_t *data, int64_t len);
 
 // Counts the bad magics met so far, in block headers and file headers alike, and says whether this
-// one is to be passed over.  Logs the one that is not: `got`, where `expected` should be.
+// one is to be passed over. Logs the one that is not: `got`, where `expected` should be.
 bool pass_over_bad_magic(uint32_t got, uint32_t expected);
 
 // Puts all that was written of the dump on flash, the file still open included, so that the flag of
-// a pending dump is never cleared before its files are safe.  Logs nothing and has no result: what
+// a pending dump is never cleared before its files are safe. Logs nothing and has no result: what
 // could not be stored cannot be helped here.
 void sync_dump_files();
 

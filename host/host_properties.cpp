@@ -1,5 +1,5 @@
 // System properties on a Linux machine: a directory with one file a property, its name the key and
-// its content the value.  The directory is $TARNIX_PROPERTIES, else /dev/__properties__.
+// its content the value. The directory is $TARNIX_PROPERTIES, else /dev/__properties__.
 #include <android-base/file.h>
 #include <android-base/properties.h>
 #include <dirent.h>

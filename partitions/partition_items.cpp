@@ -96,7 +96,7 @@ static const item_partition item_partitions[] = {
 };
 static const size_t partition_count = sizeof(item_partitions) / sizeof(item_partitions[0]);
 
-// Which of the device nodes is used, 0 before the first open.  One value for all four partitions on
+// Which of the device nodes is used, 0 before the first open. One value for all four partitions on
 // purpose: whichever is opened first fixes the directory for every later open of any of them.
 static uint32_t partition_path_choice;
 
@@ -120,9 +120,9 @@ static size_t partition_of_item(int mfg_item) {
     return which;
 }
 
-// The row at `index` counted from the start of a partition's table.  The tables follow one another,
+// The row at `index` counted from the start of a partition's table. The tables follow one another,
 // and an index past the end of one meets a row of the next, whose id tells the caller that the item
-// does not exist.  After the last row the id is 0.
+// does not exist. After the last row the id is 0.
 static PartitionInfo row_at(size_t which, int index) {
     for (; which < partition_count; which++) {
         if (index < item_partitions[which].row_count) {
@@ -133,7 +133,7 @@ static PartitionInfo row_at(size_t which, int index) {
     return {0, 0, 0};
 }
 
-// Opens the partition into partition_stream and returns the path that was tried last.  The first
+// Opens the partition into partition_stream and returns the path that was tried last. The first
 // open of the run tries the alternatives in turn, and the last one tried stays the choice even when
 // it fails; every later open tries just that one.
 static const char *open_partition(const item_partition &partition) {

@@ -1,7 +1,7 @@
 // Numbered, fixed-size items in the raw partitions misc, mfg, board_info and tool_diag.
 //
 // The boot side and the factory tools read the same bytes: numbers, offsets and lengths never
-// change.  Messages go to standard output, not to the log.  Not for more than one thread.
+// change. Messages go to standard output, not to the log. Not for more than one thread.
 #ifndef TARNIX_PARTITIONS_PARTITION_ITEMS_H
 #define TARNIX_PARTITIONS_PARTITION_ITEMS_H
 
@@ -10,19 +10,19 @@
 struct initial_block_header;
 
 // Opens the partition of item `mfg_item` for reading and writing, and gives the item's place in it
-// in bytes.  0 with the stream left open for the transfers below, which call this themselves: no
-// one else can use or close it.  -1, with nothing left open, when there is no such item or the
+// in bytes. 0 with the stream left open for the transfers below, which call this themselves: no
+// one else can use or close it. -1, with nothing left open, when there is no such item or the
 // partition does not open.
 int mfg_open(int mfg_item, uint32_t *offset, uint32_t *length);
 
-// Reads or writes one item.  Always moves the item's whole length, whatever `len` says, so `buf`
-// must hold that much; `len` only guards against asking for more than there is.  0 on success, also
+// Reads or writes one item. Always moves the item's whole length, whatever `len` says, so `buf`
+// must hold that much; `len` only guards against asking for more than there is. 0 on success, also
 // when the transfer itself fell short; -EIO when the partition cannot be opened or has no such
 // item; -EINVAL when `len` exceeds the item's length.
 int mfg_emmc_read(int mfg_item, void *buf, int len);
 int mfg_emmc_write(int mfg_item, const void *buf, int len);
 
-// Reads or writes the chain's anchor, item 19 of misc.  -EINVAL for a null record, else as above.
+// Reads or writes the chain's anchor, item 19 of misc. -EINVAL for a null record, else as above.
 int MISC_read_RamdumpInitHdr(struct initial_block_header *hdr);
 int MISC_write_RamdumpInitHdr(const struct initial_block_header *hdr);
 

@@ -16,7 +16,7 @@ struct input_file {
     uint64_t size;
 };
 
-// Opens NAME=FILE.  Returns exit_good, or what to exit with.
+// Opens NAME=FILE. Returns exit_good, or what to exit with.
 static int open_input(const std::string &text, const std::vector<input_file> &earlier,
                       input_file *file) {
     const size_t equals = text.find('=');

@@ -1,4 +1,4 @@
-// The commands of tarnix-chain, each in a file of its own.  Each returns the exit status.
+// The commands of tarnix-chain, each in a file of its own. Each returns the exit status.
 #ifndef TARNIX_TOOLS_COMMANDS_H
 #define TARNIX_TOOLS_COMMANDS_H
 

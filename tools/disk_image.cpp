@@ -20,7 +20,7 @@ std::string name_offset(const partition_place &partition, uint64_t offset) {
     return fmt::format("byte {} of {}", partition.start + offset, partition.path);
 }
 
-// Transfers all of `length` bytes.  The end of the image inside a partition is a failure: the image
+// Transfers all of `length` bytes. The end of the image inside a partition is a failure: the image
 // has been cut short.
 template <typename transfer_call>
 static int transfer(disk_image *image, const partition_place &partition, uint64_t offset,
@@ -120,7 +120,7 @@ static bool open_whole(const std::string &path, bool writable, partition_place *
     return true;
 }
 
-// Looks for the two names in a GPT with sectors of `sector_size` bytes.  False when there is no
+// Looks for the two names in a GPT with sectors of `sector_size` bytes. False when there is no
 // GPT.
 static bool read_gpt(const partition_place &disk, unsigned sector_size,
                      const std::string &data_name, partition_place *misc, partition_place *data) {

@@ -24,7 +24,7 @@ struct partition_place {
     uint64_t size;     // bytes
 };
 
-// An opened pair with a port for bootside/ over it.  `error` tells in words why the last transfer
+// An opened pair with a port for bootside/ over it. `error` tells in words why the last transfer
 // of the port failed; `transferred` counts the data partition's bytes.
 struct disk_image {
     partition_place misc;
@@ -36,7 +36,7 @@ struct disk_image {
     bootside_port port;
 };
 
-// Opens the images.  Null on failure with *error saying what to do; block devices that are to be
+// Opens the images. Null on failure with *error saying what to do; block devices that are to be
 // written must not be in use.
 std::unique_ptr<disk_image> open_disk_image(const image_options &options, bool writable,
                                             std::string *error);

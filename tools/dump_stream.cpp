@@ -9,7 +9,7 @@
 #include "extract/dump_file_header.h"
 
 // The device puts "/data/vendor/ramdump/apq/NN/", 28 characters, before the name and cuts the path
-// at 63.  Only a name without its NUL comes that far: it goes on through the header's other fields.
+// at 63. Only a name without its NUL comes that far: it goes on through the header's other fields.
 static const size_t longest_device_name = 63 - 28;
 
 struct stream_state {
@@ -36,7 +36,7 @@ static void end_file(stream_state *state) {
     state->in_file = false;
 }
 
-// Takes the header at `bytes`.  False where the dump ends.
+// Takes the header at `bytes`. False where the dump ends.
 static bool begin_file(stream_state *state, const unsigned char *bytes) {
     struct dump_file_header header;
     memcpy(&header, bytes, sizeof(header));
@@ -61,7 +61,7 @@ static bool begin_file(stream_state *state, const unsigned char *bytes) {
     return true;
 }
 
-// Takes one block's payload.  False where the dump ends.
+// Takes one block's payload. False where the dump ends.
 static bool take_payload(stream_state *state, const unsigned char *bytes, size_t length) {
     while (length > 0) {
         size_t taken = sizeof(struct dump_file_header);

@@ -15,7 +15,7 @@ struct dump_file {
     uint64_t present;  // bytes found; less than `size` in a file that is cut short
 };
 
-// What to do with the files.  Each may be left empty.
+// What to do with the files. Each may be left empty.
 struct dump_sink {
     std::function<void(const dump_file &)> begin;
     std::function<void(const unsigned char *, size_t)> data;
@@ -29,7 +29,7 @@ struct dump_reading {
     // Why the reading ended before the dump's end: a block out of reach, or a file of no bytes
     // (which ends the device's extraction); bootside_ok at the end mark or at the chain's end.
     bootside_result stopped;
-    // The first wrong CRC met on the way, or bootside_ok.  Reading goes on over it, as the device's
+    // The first wrong CRC met on the way, or bootside_ok. Reading goes on over it, as the device's
     // does, but what follows may come from a wrong block.
     bootside_result doubted;
     bootside_fault stopped_at;
@@ -39,7 +39,7 @@ struct dump_reading {
     uint32_t cut_short;
 };
 
-// Reads the dump from a walk that chain_walk_start has started.  Looks at n_blocks blocks at most.
+// Reads the dump from a walk that chain_walk_start has started. Looks at n_blocks blocks at most.
 dump_reading read_dump_stream(bootside_walk *walk, const dump_sink &sink);
 
 // Whether the dump was read whole and every link on the way was right.

@@ -1,4 +1,4 @@
-// A bar on standard error for work that takes long.  Nothing is drawn where that is no terminal.
+// A bar on standard error for work that takes long. Nothing is drawn where that is no terminal.
 #ifndef TARNIX_TOOLS_PROGRESS_BAR_H
 #define TARNIX_TOOLS_PROGRESS_BAR_H
 

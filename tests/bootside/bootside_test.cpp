@@ -1,5 +1,5 @@
 // The boot side over partitions in memory: what it writes, in which order, what it refuses, and
-// calls of its port that fail.  tests/fuzz/chain_walk.cpp has the opening walk.
+// calls of its port that fail. tests/fuzz/chain_walk.cpp has the opening walk.
 #include "bootside/bootside.h"
 
 #include <gtest/gtest.h>
@@ -100,7 +100,7 @@ TEST(bootside, refusals_write_nothing_and_leave_the_dump_usable) {
     EXPECT_EQ(bootside_dump_pending, bootside_begin_dump(&boot, 0));
 }
 
-// Replacing a dump, with each call of the port in turn failing.  Neighbouring blocks are written
+// Replacing a dump, with each call of the port in turn failing. Neighbouring blocks are written
 // together: 15 of them, as a sixteenth of the buffer is the run table.
 TEST(bootside, a_flag_never_stands_over_a_torn_dump) {
     const std::string calls = "CFPPPFSF";

@@ -2,7 +2,7 @@
 // runs of the tool: none crashes, hangs, or writes where it must not.
 //
 // Environment: TARNIX_DAMAGE_SEED (1), TARNIX_DAMAGE_FIRST (number of the first disk, 0) and
-// TARNIX_DAMAGE_COUNT (200).  A failure names seed and disk, which make that disk again.
+// TARNIX_DAMAGE_COUNT (200). A failure names seed and disk, which make that disk again.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
@@ -253,7 +253,7 @@ static bool is_endless(const std::string &misc, const std::string &data) {
     return false;
 }
 
-// One run of the tool.  Reads stop after more of them than any walk that ends can need.
+// One run of the tool. Reads stop after more of them than any walk that ends can need.
 static void run_tool(std::vector<std::string> words, const std::string &misc,
                      const std::string &data) {
     std::vector<char *> argv(words.size() + 1);

@@ -1,7 +1,7 @@
 // The sources of the boot configuration, and the slot suffix that an fstab gets from them.
 //
 // Input: four texts with "|" between them: the property, the kernel command line, the device
-// tree's "compatible" and its slot_suffix.  An empty file is one that is not there.
+// tree's "compatible" and its slot_suffix. An empty file is one that is not there.
 #include <android-base/file.h>
 #include <android-base/properties.h>
 #include <android-base/strings.h>

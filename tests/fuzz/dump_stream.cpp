@@ -1,7 +1,7 @@
 // The device's parser of the dump stream, fed in blocks, and beside it the one of tarnix-chain:
 // pull promises what the device would have extracted, so both must find the same files.
 //
-// Input: the stream.  It is cut into payloads of 500 bytes, the last one filled up with zeros.
+// Input: the stream. It is cut into payloads of 500 bytes, the last one filled up with zeros.
 #include "extract/dump_stream.cpp"  // NOLINT(bugprone-suspicious-include): to start each input afresh
 
 #include "tests/bootside/memory_device.h"

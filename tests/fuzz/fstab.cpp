@@ -1,6 +1,6 @@
 // The fstab, and the lookup of the map file's device in it.
 //
-// Input: the file.  It is written to the working directory.
+// Input: the file. It is written to the working directory.
 #include <android-base/logging.h>
 #include <android-base/properties.h>
 #include <assert.h>
@@ -10,7 +10,7 @@
 #include "fs_mgr/fs_mgr_fstab.h"
 #include "tests/support/files.h"
 
-// Whether a reservedsize= may overflow 64 bits.  That ends the process on purpose: no finding.
+// Whether a reservedsize= may overflow 64 bits. That ends the process on purpose: no finding.
 static bool aborts_on_purpose(const std::string &text) {
     static const std::string option = "reservedsize=";
     for (size_t at = text.find(option); at != std::string::npos; at = text.find(option, at + 1)) {

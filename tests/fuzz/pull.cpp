@@ -1,6 +1,6 @@
 // tarnix-chain's pull and status over images that nobody vouches for.
 //
-// Input: the anchor's 24 bytes, then the data partition from byte 512 on.  The partitions are files
+// Input: the anchor's 24 bytes, then the data partition from byte 512 on. The partitions are files
 // in the working directory, where pull writes to "out".
 #include <assert.h>
 #include <string.h>

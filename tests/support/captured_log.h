@@ -9,7 +9,7 @@
 void capture_log();
 
 // The lines since the last call, each with its priority's letter before it: "E create_file
-// failed\n".  A message without a line end is marked "<no line end>\n".  A property that is set is
+// failed\n". A message without a line end is marked "<no line end>\n". A property that is set is
 // a line too: "P key=value\n".
 //
 // Compare it as a whole with EXPECT_EQ, which shows two texts of several lines as a diff.

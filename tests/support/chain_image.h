@@ -13,7 +13,7 @@
 
 constexpr uint64_t block_length = 4096;  // st_blksize of every file here
 
-// What a chain of `blocks` holds at the start of each: one header's bytes a block.  The CRC is
+// What a chain of `blocks` holds at the start of each: one header's bytes a block. The CRC is
 // worked out here, from zlib alone.
 std::vector<std::string> chain_headers(uint32_t seed, const std::vector<uint32_t> &blocks);
 

@@ -1,4 +1,4 @@
-// Whole files, for tests.  What cannot be done ends the test binary with the path's name.
+// Whole files, for tests. What cannot be done ends the test binary with the path's name.
 #ifndef TARNIX_TESTS_SUPPORT_FILES_H
 #define TARNIX_TESTS_SUPPORT_FILES_H
 

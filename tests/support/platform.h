@@ -1,5 +1,5 @@
 // The platform under the code under test: properties in memory (libbase's), the caller's uid, the
-// file system's answers to FIBMAP, and system calls that go wrong when a test says so.  The linker
+// file system's answers to FIBMAP, and system calls that go wrong when a test says so. The linker
 // leads the rooms' calls here.
 #ifndef TARNIX_TESTS_SUPPORT_PLATFORM_H
 #define TARNIX_TESTS_SUPPORT_PLATFORM_H
@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-// Sets a property as the platform's init would.  "" unsets it.
+// Sets a property as the platform's init would. "" unsets it.
 constexpr auto set_property = android::base::SetProperty;
 
 struct fibmap_answer {
@@ -45,7 +45,7 @@ struct test_platform {
 extern struct test_platform platform;
 
 // Runs `body` in a process of its own, so that what one row of a table leaves in process-wide
-// variables never meets another.  `row` names the row in failures.
+// variables never meets another. `row` names the row in failures.
 void in_own_process(const std::string &row, const std::function<void()> &body);
 
 // The same, on a device just started: empty directories.

@@ -1,4 +1,4 @@
-// The platform's property calls, for a machine that lacks them.  See host/host_properties.cpp.
+// The platform's property calls, for a machine that lacks them. See host/host_properties.cpp.
 #ifndef TARNIX_HOST_SYS_SYSTEM_PROPERTIES_H
 #define TARNIX_HOST_SYS_SYSTEM_PROPERTIES_H
 
@@ -13,7 +13,7 @@ extern "C" {
 // string and 0 when there is no such property.
 int __system_property_get(const char *name, char *value);
 
-// Sets `name` to `value`.  0 on success; -1 when the name cannot be a property's, the value is
+// Sets `name` to `value`. 0 on success; -1 when the name cannot be a property's, the value is
 // longer than PROP_VALUE_MAX - 1, or it could not be stored.
 int __system_property_set(const char *name, const char *value);
 
