@@ -10,7 +10,7 @@
 
 static int write_headers(int map_fd, int device_fd, int32_t n, uint64_t block_size) {
     int prev = 0;
-    for (int32_t i = 0; i < n; i++) {
+    for (int32_t i = 0; i < n; ++i) {
         int block = i;
         if (map_block(map_fd, &block) != 0 || block == 0) {
             return -1;

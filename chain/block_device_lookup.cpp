@@ -15,7 +15,7 @@ static bool is_mounted_under(const char *path, const char *mount_point) {
 const char *find_block_device(const char *path, int *encryptable, int *encrypted) {
     // The first entry that contains the path, not the deepest: the order of the fstab is the
     // device's own say.
-    for (int i = 0; i < device_fstab->num_entries; i++) {
+    for (int i = 0; i < device_fstab->num_entries; ++i) {
         const struct fstab_rec *rec = &device_fstab->recs[i];
         if (rec->mount_point == nullptr || !is_mounted_under(path, rec->mount_point)) {
             continue;

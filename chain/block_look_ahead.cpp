@@ -36,14 +36,14 @@ static void add_to_run(struct block_look_ahead *ahead, int block) {
         announce_run(ahead);
         ahead->run_start = block;
     }
-    ahead->run_length++;
+    ++ahead->run_length;
 }
 
 static void map_next(struct block_look_ahead *ahead) {
     struct mapped_block *slot = &ahead->blocks[ahead->mapped % look_ahead_window];
     slot->block = ahead->mapped;
     slot->result = map_block(ahead->file, &slot->block);
-    ahead->mapped++;
+    ++ahead->mapped;
     if (slot->result != 0 || slot->block == 0) {
         ahead->stopped = true;
     } else if (slot->block > 0) {

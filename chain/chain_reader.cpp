@@ -16,7 +16,7 @@
 
 static int copy_blocks(int map_fd, int device_fd, int out_fd, uint32_t n, uint8_t *buffer,
                        int32_t block_size) {
-    for (uint32_t i = 0; i < n; i++) {
+    for (uint32_t i = 0; i < n; ++i) {
         if (read_file_block(map_fd, device_fd, i, buffer, block_size) == -1 ||
             write_retry(out_fd, buffer, static_cast<size_t>(block_size)) == -1) {
             return -1;

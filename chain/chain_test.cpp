@@ -55,7 +55,7 @@ static int walk_chain(int device_fd, uint64_t block_size, uint32_t first_block) 
                       static_cast<unsigned long>(block), header.crc32, computed);
             mismatch = true;
         }
-        count++;
+        ++count;
         if (header.next_block == 0) {
             break;
         }

@@ -43,7 +43,7 @@ void write_header(int fd, int64_t block, int64_t next, uint64_t block_size, int3
 // further header is written.
 static int write_headers(struct block_look_ahead *blocks, int32_t n, int first_block) {
     int32_t prev = first_block;
-    for (int32_t i = 1; i < n; i++) {
+    for (int32_t i = 1; i < n; ++i) {
         if (i % blocks_per_progress_line == 0 && show_progress != 0) {
             log_info("%d/%d\n", i, n);
         }

@@ -38,7 +38,7 @@ uint64_t get_directory_available_space(const char * /* path */) {
 // give it the place that the chain refers to.
 static int fill_file(int fd, const uint8_t *chunk, uint64_t size) {
     int count = static_cast<int>(size / chunk_size);
-    for (int i = 0; i < count; i++) {
+    for (int i = 0; i < count; ++i) {
         if (show_progress == 1 && i % chunks_per_progress_line == 0) {
             log_info("%d/%d\n", i, count);
         }

@@ -122,11 +122,11 @@ int config_ramdump_path() {
     _chmod(path);
 
     // The new directory is not among the entries, so it stays, beside max_dump_dirs - 1 old ones.
-    for (int i = 0; i < n - max_dump_dirs + 1; i++) {
+    for (int i = 0; i < n - max_dump_dirs + 1; ++i) {
         format_path(path, sizeof(path), BASE_DIRECTORY "%s", entries[i]->d_name);
         remove_dump_directory(path);
     }
-    for (int i = 0; i < n; i++) {
+    for (int i = 0; i < n; ++i) {
         free(entries[i]);
     }
     free(entries);

@@ -21,7 +21,7 @@ static int32_t parse_error_count;       // bad magics, in block headers and file
 static bool ignore_bad_magic;           // never set: a bad magic is where a dump ends
 
 bool pass_over_bad_magic(uint32_t got, uint32_t expected) {
-    parse_error_count++;
+    ++parse_error_count;
     if (!ignore_bad_magic) {
         log_info("* bad magic, got %08x, expecting %08x\n", got, expected);
     }

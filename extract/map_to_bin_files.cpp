@@ -40,7 +40,7 @@ static bool has_space(const char *map_path) {
 // the links say: the file system's order is the same where the chain is intact.
 static int parse_blocks(int map_fd, int device_fd, uint32_t n, uint8_t *buffer,
                         int32_t block_size) {
-    for (uint32_t i = 0; i < n; i++) {
+    for (uint32_t i = 0; i < n; ++i) {
         if (read_file_block(map_fd, device_fd, i, buffer, block_size) == -1) {
             return -1;
         }

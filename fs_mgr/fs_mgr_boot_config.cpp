@@ -75,7 +75,7 @@ bool is_dt_compatible() {
 
 bool fs_mgr_update_for_slotselect(struct fstab *table) {
     std::string suffix;
-    for (int32_t i = 0; i < table->num_entries; i++) {
+    for (int32_t i = 0; i < table->num_entries; ++i) {
         struct fstab_rec *rec = &table->recs[i];
         if ((static_cast<uint32_t>(rec->fs_mgr_flags) & mf_slotselect) == 0) {
             continue;

@@ -79,7 +79,7 @@ static const struct flag_list file_names_mode_table[] = {
 // Unlike an option, a mode's name has to match as a whole: a cipher must not be guessed.
 static uint32_t encryption_mode_to_flag(const struct flag_list *table, const char *name,
                                         const char *kind) {
-    for (const struct flag_list *row = table; row->name != nullptr; row++) {
+    for (const struct flag_list *row = table; row->name != nullptr; ++row) {
         if (strcmp(row->name, name) == 0) {
             return row->value;
         }
@@ -182,7 +182,7 @@ static void apply_value(struct fs_mgr_flag_values *values, uint32_t bit, char *o
     if (value == nullptr) {
         return;  // rows that need a value end in "="; of the others only verify may carry one
     }
-    value++;
+    ++value;
     switch (bit) {
         case mf_encryptable:
         case mf_forceencrypt:
@@ -243,7 +243,7 @@ static void append_bounded(char *buffer, size_t size, const char *text) {
 static const struct flag_list *find_row(const struct flag_list *table, const char *option) {
     const struct flag_list *row = table;
     while (row->name != nullptr && strncmp(option, row->name, strlen(row->name)) != 0) {
-        row++;
+        ++row;
     }
     return row->name != nullptr ? row : nullptr;
 }

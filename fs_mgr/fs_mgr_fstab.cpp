@@ -24,7 +24,7 @@ static bool read_entry_line(FILE *stream, char **line, size_t *capacity) {
         }
         const char *first = *line;
         while (isspace(static_cast<unsigned char>(*first)) != 0) {
-            first++;
+            ++first;
         }
         if (*first != '\0' && *first != '#') {
             return true;
@@ -125,7 +125,7 @@ static bool parse_entries(FILE *stream, struct fstab *table, char **line, size_t
         if (!parse_entry(&table->recs[index], *line)) {
             return false;
         }
-        index++;
+        ++index;
     }
     if (!fs_mgr_update_for_slotselect(table)) {
         LOG(ERROR) << "[libfs_mgr]"
@@ -141,7 +141,7 @@ static struct fstab *fs_mgr_read_fstab_file(FILE *stream) {
     size_t capacity = 0;
     int32_t count = 0;
     while (read_entry_line(stream, &line, &capacity)) {
-        count++;
+        ++count;
     }
 
     struct fstab *table = nullptr;
@@ -194,7 +194,7 @@ void fs_mgr_free_fstab(struct fstab *table) {
     if (table == nullptr) {
         return;
     }
-    for (int32_t i = 0; i < table->num_entries; i++) {
+    for (int32_t i = 0; i < table->num_entries; ++i) {
         struct fstab_rec *rec = &table->recs[i];
         free(rec->blk_device);
         free(rec->mount_point);

@@ -115,7 +115,7 @@ static void close_partition() {
 static size_t partition_of_item(int mfg_item) {
     size_t which = partition_count - 1;
     while (mfg_item < item_partitions[which].first_item) {
-        which--;
+        --which;
     }
     return which;
 }
@@ -124,7 +124,7 @@ static size_t partition_of_item(int mfg_item) {
 // and an index past the end of one meets a row of the next, whose id tells the caller that the item
 // does not exist. After the last row the id is 0.
 static PartitionInfo row_at(size_t which, int index) {
-    for (; which < partition_count; which++) {
+    for (; which < partition_count; ++which) {
         if (index < item_partitions[which].row_count) {
             return item_partitions[which].rows[index];
         }
@@ -145,7 +145,7 @@ static const char *open_partition(const item_partition &partition) {
     partition_stream = fopen(path, "rb+");
     while (first_open && partition_stream == nullptr &&
            partition_path_choice < partition.last_choice) {
-        partition_path_choice++;
+        ++partition_path_choice;
         path = partition.device_nodes[partition_path_choice - 1];
         partition_stream = fopen(path, "rb+");
     }

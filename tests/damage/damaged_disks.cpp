@@ -154,7 +154,7 @@ static std::string sound_disk() {
     EXPECT_EQ(0, system("/usr/sbin/sfdisk --quiet /disk.img </table"));
     const std::vector<std::string> headers = chain_headers(crc_seed, chain);
     write_file_at(disk_path, anchor_at, anchor_bytes(chain[0], 24, crc_seed, 1));
-    for (size_t i = 0; i < chain.size(); i++) {
+    for (size_t i = 0; i < chain.size(); ++i) {
         write_file_at(disk_path, data_start + chain[i] * block_length, headers[i]);
     }
     write_file("/small", std::string(5000, 's'));
@@ -171,11 +171,11 @@ static void for_each_disk(size_t count, const std::function<void(const damaged_d
     const std::string sound = sound_disk();
     const size_t seed = from_environment("TARNIX_DAMAGE_SEED", 1);
     const size_t first = from_environment("TARNIX_DAMAGE_FIRST", 0);
-    for (size_t i = first; i < first + count; i++) {
+    for (size_t i = first; i < first + count; ++i) {
         damaged_disk disk = {sound, "", std::mt19937_64(seed * 1000000 + i)};
         disk.name = "seed " + std::to_string(seed) + ", disk " + std::to_string(i) + ":";
         size_t kind = i % kind_count;
-        for (size_t more = 1 + below(&disk, 3); more > 0; more--) {
+        for (size_t more = 1 + below(&disk, 3); more > 0; --more) {
             disk.name += std::string(" ") + kinds[kind].name;
             kinds[kind].damage(&disk);
             kind = below(&disk, kind_count);
@@ -257,7 +257,7 @@ static bool is_endless(const std::string &misc, const std::string &data) {
 static void run_tool(std::vector<std::string> words, const std::string &misc,
                      const std::string &data) {
     std::vector<char *> argv(words.size() + 1);
-    for (size_t i = 0; i < words.size(); i++) {
+    for (size_t i = 0; i < words.size(); ++i) {
         argv[i] = &words[i][0];
     }
     platform.reads.assign(200, as_usual);

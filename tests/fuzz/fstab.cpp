@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     int encrypted = 2;
     const char *device = find_block_device("/data/ramdump.map", &encryptable, &encrypted);
     assert(device == nullptr || encrypted <= encryptable);
-    for (int32_t i = 0; i < device_fstab->num_entries; i++) {
+    for (int32_t i = 0; i < device_fstab->num_entries; ++i) {
         const fstab_rec *rec = &device_fstab->recs[i];
         assert(rec->blk_device != nullptr && rec->mount_point != nullptr);
         assert(rec->fs_options == nullptr || strlen(rec->fs_options) < 1024);

@@ -97,7 +97,7 @@ int __wrap_ioctl(int /* fd */, unsigned long request, ...) {
     va_start(arguments, request);
     int *block = va_arg(arguments, int *);
     va_end(arguments);
-    platform.fibmap_calls++;
+    ++platform.fibmap_calls;
     const auto index = static_cast<size_t>(*block);
     const fibmap_answer answer =
         index < platform.fibmap.size() ? platform.fibmap[index] : fibmap_answer{*block, EINVAL};

@@ -20,15 +20,15 @@ int posix_fadvise(int /* fd */, off_t offset, off_t length, int advice) noexcept
     for (off_t at = offset; at < offset + length; at += block_size) {
         announced.push_back(static_cast<int>(at / block_size));
     }
-    announcements++;
+    ++announcements;
     return EINVAL;  // a failure changes nothing
 }
 
 // `runs` runs of `length` blocks, each before the one above it on the device.
 static std::vector<fibmap_answer> map_in_runs(int runs, int length) {
     std::vector<fibmap_answer> answers;
-    for (int run = 0; run < runs; run++) {
-        for (int i = 0; i < length; i++) {
+    for (int run = 0; run < runs; ++run) {
+        for (int i = 0; i < length; ++i) {
             answers.push_back({1 + (runs - run) * (length + 1) + i});
         }
     }
@@ -71,7 +71,7 @@ DEVICE_TEST(block_look_ahead, order_and_announcements) {
             ASSERT_EQ(answer.block, taken.block) << count;
             ASSERT_EQ(answer.error != 0, taken.result != 0) << count;
             ASSERT_LE(platform.fibmap_calls, count + look_ahead_window);
-            count++;
+            ++count;
             if (answer.error != 0 || answer.block == 0) {
                 break;
             }

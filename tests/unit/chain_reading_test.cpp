@@ -93,7 +93,7 @@ TEST(chain_reading, results_and_logs) {
     };
     for (const auto &row : rows) {
         on_fresh_device(row.name, [&] {
-            for (size_t i = 0; i < blocks.size(); i++) {
+            for (size_t i = 0; i < blocks.size(); ++i) {
                 write_file_at(DEVICE_PATH, blocks[i] * block_length, contents[i]);
                 platform.fibmap.push_back({static_cast<int>(blocks[i])});
             }

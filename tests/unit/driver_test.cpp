@@ -18,7 +18,7 @@ template <typename Function>
 static int with_arguments(const std::string &arguments, const Function &function) {
     std::vector<std::string> words = android::base::Split("tarnix " + arguments, " ");
     std::vector<char *> argv(words.size() + 1);
-    for (size_t i = 0; i < words.size(); i++) {
+    for (size_t i = 0; i < words.size(); ++i) {
         argv[i] = &words[i][0];
     }
     optind = 0;  // from the start, also in a second run

@@ -37,7 +37,7 @@ static const struct {
 TEST(partition_items, every_item_at_its_place) {
     // No two places alike.
     std::string image;
-    for (uint32_t i = 0; image.size() < 1048576 + 512; i++) {
+    for (uint32_t i = 0; image.size() < 1048576 + 512; ++i) {
         image += bytes_of(i * 2654435761U);
     }
     for (const auto &partition : partitions) {
@@ -55,7 +55,7 @@ TEST(partition_items, every_item_at_its_place) {
                                             static_cast<int>(length)));
                 EXPECT_TRUE(read_file(partition.path) ==
                             std::string(image).replace(offset, length, length, 'w'));
-                item++;
+                ++item;
             }
         });
     }
