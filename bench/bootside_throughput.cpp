@@ -37,30 +37,30 @@ static double median(std::vector<double> values) {
     exit(1);
 }
 
-static void require(bool done, const disk_image &image) {
+static void require(bool done, const struct disk_image &image) {
     if (!done) {
         fail(image.error);
     }
 }
 
 // Blocks 1 to n as one chain, with the anchor; the plain writing wipes the headers each round.
-static void build_chain(disk_image *image, uint32_t n) {
-    const bootside_port &port = image->port;
-    const initial_block_header anchor = {initial_block_header_magic, 1, block_length, n, seed,
-                                         initial_block_header_ready};
+static void build_chain(struct disk_image *image, uint32_t n) {
+    const struct bootside_port &port = image->port;
+    const struct initial_block_header anchor = {
+        initial_block_header_magic, 1, block_length, n, seed, initial_block_header_ready};
     bool done =
         port.write_misc(image, initial_block_header_misc_offset, &anchor, sizeof(anchor)) == 0;
     uint32_t crc = seed;
     for (uint32_t block = 1; block <= n && done; ++block) {
         const uint32_t next = block == n ? 0 : block + 1;
         crc = chain_walk_crc(&port, crc, block, next);
-        const block_header header = {block_header_magic, next, crc};
+        const struct block_header header = {block_header_magic, next, crc};
         done = port.write_data(image, uint64_t{block} * block_length, &header, sizeof(header)) == 0;
     }
     require(done && port.flush(image) == 0, *image);
 }
 
-static double write_plain(disk_image *image, uint64_t bytes, const std::vector<char> &data) {
+static double write_plain(struct disk_image *image, uint64_t bytes, const std::vector<char> &data) {
     const auto start = std::chrono::steady_clock::now();
     for (uint64_t at = 0; at < bytes; at += piece) {
         const size_t length = static_cast<size_t>(std::min<uint64_t>(piece, bytes - at));
@@ -70,10 +70,10 @@ static double write_plain(disk_image *image, uint64_t bytes, const std::vector<c
     return seconds_since(start);
 }
 
-static double write_dump(disk_image *image, bootside *boot, uint64_t bytes,
+static double write_dump(struct disk_image *image, struct bootside *boot, uint64_t bytes,
                          const std::vector<char> &data) {
     const auto start = std::chrono::steady_clock::now();
-    bootside_result result = bootside_begin_dump(boot, 1);
+    enum bootside_result result = bootside_begin_dump(boot, 1);
     if (result == bootside_ok) {
         result = bootside_begin_file(boot, "DDRCS0.BIN", bytes);
     }
@@ -96,17 +96,17 @@ static void make_file(const std::string &path, uint64_t size) {
     close(fd);
 }
 
-static void measure(disk_image *image, int rounds) {
+static void measure(struct disk_image *image, int rounds) {
     const auto n = static_cast<uint32_t>(image->data.size / block_length - 1);
     const std::vector<char> data(piece, 'x');
-    const uint64_t bytes = uint64_t{n} * (block_length - sizeof(block_header)) - 40;
+    const uint64_t bytes = uint64_t{n} * (block_length - sizeof(struct block_header)) - 40;
     std::vector<double> plain;
     std::vector<double> walk;
     std::vector<double> dump;
     for (int round = 0; round < rounds; ++round) {
         plain.push_back(write_plain(image, bytes, data));
         build_chain(image, n);
-        bootside boot;
+        struct bootside boot;
         const auto start = std::chrono::steady_clock::now();
         require(bootside_open(&boot, &image->port) == bootside_ok, *image);
         walk.push_back(seconds_since(start));
@@ -129,7 +129,8 @@ int main(int argc, char **argv) {
     if (mib < 1 || rounds < 1) {
         fail("MIB and ROUNDS are at least 1");
     }
-    const image_options options = {"", folder + "/bench-misc.img", folder + "/bench-data.img", ""};
+    const struct image_options options = {"", folder + "/bench-misc.img",
+                                          folder + "/bench-data.img", ""};
     make_file(options.misc, 1048576);
     make_file(options.data, mib * 1048576);
     std::string error;

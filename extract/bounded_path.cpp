@@ -32,7 +32,7 @@ void visit_directory(const char *caller, const char *path,
         return;
     }
     log_info("%s: path: %s.\n", caller, directory_path);
-    for (dirent *entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
+    for (struct dirent *entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
         char entry_path[working_path_size];
         format_path(entry_path, sizeof(entry_path), "%s/%s", directory_path, entry->d_name);
         visit(entry_path, entry->d_name);

@@ -46,12 +46,13 @@ static int write_file_data(const uint8_t *data, uint64_t count) {
 
 // Bytes from the name to the header's end: a name that has no NUL in its field runs on through the
 // rest of the header, and ends there at the latest.
-static const size_t name_limit = sizeof(struct dump_file_header) - offsetof(dump_file_header, name);
+static const size_t name_limit =
+    sizeof(struct dump_file_header) - offsetof(struct dump_file_header, name);
 
 static int begin_file(const uint8_t *data) {
     memcpy(&header, data, sizeof(header));
     char name[name_limit + 1] = {};
-    memcpy(name, data + offsetof(dump_file_header, name), name_limit);
+    memcpy(name, data + offsetof(struct dump_file_header, name), name_limit);
     // Before the magic is checked, so that the last such line shows the bytes that ended the dump.
     log_error("Found file '%s', size %llu\n", name, static_cast<unsigned long long>(header.size));
     if (header.magic != dump_file_header_magic &&

@@ -74,7 +74,7 @@ __attribute__((constructor)) static void mirror_properties() {
     if (directory == nullptr) {
         return;
     }
-    for (dirent *entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
+    for (struct dirent *entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
         std::string value;
         if (read_value(entry->d_name, &value)) {
             android::base::SetProperty(entry->d_name, value);

@@ -14,7 +14,7 @@ struct PartitionInfo {
 };
 
 // Item 1 and item 22 cover the start of the partition as a whole and overlap the others on purpose.
-static const PartitionInfo gPartitionInfo_MISC[] = {
+static const struct PartitionInfo gPartitionInfo_MISC[] = {
     {1, 0, 2048},
     {2, 2048, 16},
     {3, 2080, 16},
@@ -33,14 +33,14 @@ static const PartitionInfo gPartitionInfo_MISC[] = {
     {16, 2852, 8},
     {17, 2860, 32},
     {18, 3136, 4},
-    {19, initial_block_header_misc_offset, sizeof(initial_block_header)},
+    {19, initial_block_header_misc_offset, sizeof(struct initial_block_header)},
     {20, 3168, 4},
     {21, 4096, 64},
     {22, 0, 1048576},
     {23, 14408, 4},
 };
 
-static const PartitionInfo gPartitionInfo_MFG[] = {
+static const struct PartitionInfo gPartitionInfo_MFG[] = {
     {101, 0, 2048},     {102, 0, 96},     {103, 36, 4},      {104, 72, 19},      {105, 4096, 28},
     {106, 12288, 6},    {107, 13312, 8},  {108, 13320, 8},   {109, 13328, 4},    {110, 16384, 64},
     {111, 16448, 4},    {112, 16496, 8},  {113, 16504, 40},  {114, 16504, 4},    {115, 16508, 4},
@@ -49,12 +49,12 @@ static const PartitionInfo gPartitionInfo_MFG[] = {
     {126, 65536, 8192}, {127, 12304, 16}, {128, 13344, 6},   {129, 18432, 27},   {130, 0, 262144},
 };
 
-static const PartitionInfo gPartitionInfo_BDINFO[] = {
+static const struct PartitionInfo gPartitionInfo_BDINFO[] = {
     {201, 0, 16},  {202, 16, 4},  {203, 20, 8},   {204, 28, 16},  {205, 44, 4},
     {206, 48, 32}, {207, 80, 16}, {208, 112, 16}, {209, 128, 32}, {210, 0, 16384},
 };
 
-static const PartitionInfo gPartitionInfo_TOOLDIAG[] = {
+static const struct PartitionInfo gPartitionInfo_TOOLDIAG[] = {
     {301, 0, 1048576},
 };
 
@@ -66,7 +66,7 @@ static const int last_item = 301;
 
 struct item_partition {
     int first_item;
-    const PartitionInfo *rows;
+    const struct PartitionInfo *rows;
     int row_count;
     const char *device_nodes[3];  // by partition_path_choice, from 1
     uint32_t last_choice;         // how many of them the first open tries
@@ -75,7 +75,7 @@ struct item_partition {
 #define ITEM_ROWS(table) table, sizeof(table) / sizeof((table)[0])
 
 // In the order of their item numbers.
-static const item_partition item_partitions[] = {
+static const struct item_partition item_partitions[] = {
     {1,
      ITEM_ROWS(gPartitionInfo_MISC),
      {MSM_BY_NAME "misc", BOOTDEVICE_BY_NAME "misc", BOOTDEVICE_BY_NAME "misc"},
@@ -123,7 +123,7 @@ static size_t partition_of_item(int mfg_item) {
 // The row at `index` counted from the start of a partition's table. The tables follow one another,
 // and an index past the end of one meets a row of the next, whose id tells the caller that the item
 // does not exist. After the last row the id is 0.
-static PartitionInfo row_at(size_t which, int index) {
+static struct PartitionInfo row_at(size_t which, int index) {
     for (; which < partition_count; ++which) {
         if (index < item_partitions[which].row_count) {
             return item_partitions[which].rows[index];
@@ -136,7 +136,7 @@ static PartitionInfo row_at(size_t which, int index) {
 // Opens the partition into partition_stream and returns the path that was tried last. The first
 // open of the run tries the alternatives in turn, and the last one tried stays the choice even when
 // it fails; every later open tries just that one.
-static const char *open_partition(const item_partition &partition) {
+static const char *open_partition(const struct item_partition &partition) {
     bool first_open = partition_path_choice == 0;
     if (first_open) {
         partition_path_choice = 1;
@@ -165,7 +165,7 @@ int mfg_open(int mfg_item, uint32_t *offset, uint32_t *length) {
         printf("Error: %s open failed.\n", path);
         return -1;
     }
-    PartitionInfo row = row_at(which, index);
+    struct PartitionInfo row = row_at(which, index);
     if (row.id != mfg_item) {
         printf("ID is not correct: mfg_item=%d, index=%d, id=%d\n", mfg_item, index, row.id);
         close_partition();

@@ -4,7 +4,7 @@
 
 #include "chain/initial_block_header.h"
 
-std::string describe_state(bootside_result result, const bootside_walk &walk) {
+std::string describe_state(enum bootside_result result, const struct bootside_walk &walk) {
     if (result == bootside_read_failed && walk.fault.in_misc != 0) {
         return "unreadable";
     }
@@ -19,7 +19,8 @@ std::string counted(uint64_t count, const char *noun) {
 }
 
 // What was expected and what was found, each as its result counts it.
-static std::string describe_values(bootside_result result, const bootside_fault &fault) {
+static std::string describe_values(enum bootside_result result,
+                                   const struct bootside_fault &fault) {
     const char *format = "expected {}, found {}";
     switch (result) {
         case bootside_no_anchor:
@@ -48,13 +49,13 @@ static std::string describe_values(bootside_result result, const bootside_fault 
     return fmt::format(format, fault.expected, fault.found);
 }
 
-std::string describe_verdict(const disk_image &image, bootside_result result,
-                             const bootside_walk &walk) {
+std::string describe_verdict(const struct disk_image &image, enum bootside_result result,
+                             const struct bootside_walk &walk) {
     if (result == bootside_ok) {
         return fmt::format("intact: {} of {} bytes", counted(walk.n_blocks, "block"),
                            walk.block_length);
     }
-    const bootside_fault &fault = walk.fault;
+    const struct bootside_fault &fault = walk.fault;
     const std::string place =
         fault.in_misc != 0 ? fmt::format("the anchor ({})", name_offset(image.misc, fault.offset))
                            : fmt::format("position {}, block {} ({})", fault.position, fault.block,
@@ -66,7 +67,7 @@ std::string describe_verdict(const disk_image &image, bootside_result result,
                        place, bootside_result_text(result), describe_values(result, fault));
 }
 
-std::string next_step(bootside_result result) {
+std::string next_step(enum bootside_result result) {
     switch (result) {
         case bootside_no_anchor:
             return "start the device once, so that tarnix builds its chain";
@@ -91,7 +92,7 @@ std::string next_step(bootside_result result) {
     }
 }
 
-const char *result_key(bootside_result result) {
+const char *result_key(enum bootside_result result) {
     switch (result) {
         case bootside_ok:
             return "intact";

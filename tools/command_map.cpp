@@ -16,10 +16,11 @@ struct physical_run {
 static const uint32_t picture_columns = 64;
 static const uint32_t picture_rows = 16;
 
-static bootside_result find_runs(bootside_walk *walk, std::vector<physical_run> *runs) {
-    bootside_result result = bootside_ok;
+static enum bootside_result find_runs(struct bootside_walk *walk,
+                                      std::vector<struct physical_run> *runs) {
+    enum bootside_result result = bootside_ok;
     while (result == bootside_ok && walk->position < walk->n_blocks) {
-        const physical_run here = {walk->position, walk->block, 1};
+        const struct physical_run here = {walk->position, walk->block, 1};
         result = chain_walk_step(walk);
         if (result != bootside_ok) {
             break;
@@ -34,11 +35,12 @@ static bootside_result find_runs(bootside_walk *walk, std::vector<physical_run> 
 }
 
 // One character for each equal share of the partition, by how much of it the chain takes.
-static void print_picture(const bootside_walk &walk, const std::vector<physical_run> &runs) {
+static void print_picture(const struct bootside_walk &walk,
+                          const std::vector<struct physical_run> &runs) {
     const uint32_t cells = picture_columns * picture_rows;
     const uint64_t share = (uint64_t{walk.data_blocks} + cells - 1) / cells;
     std::vector<uint64_t> taken(cells);
-    for (const physical_run &run : runs) {
+    for (const struct physical_run &run : runs) {
         const uint64_t end = uint64_t{run.block} + run.blocks;
         for (uint64_t at = run.block; at < end;) {
             const uint64_t until = std::min((at / share + 1) * share, end);
@@ -58,10 +60,10 @@ static void print_picture(const bootside_walk &walk, const std::vector<physical_
     }
 }
 
-int map_command(disk_image *image) {
-    bootside_walk walk = {};
-    std::vector<physical_run> runs;
-    bootside_result result = chain_walk_start(&walk, &image->port);
+int map_command(struct disk_image *image) {
+    struct bootside_walk walk = {};
+    std::vector<struct physical_run> runs;
+    enum bootside_result result = chain_walk_start(&walk, &image->port);
     if (result != bootside_ok) {
         return report_failure(*image, result, walk);
     }
@@ -70,7 +72,7 @@ int map_command(disk_image *image) {
     progress_end(image);
     fmt::print("{:>10} {:>10} {:>10} {:>16} {:>14}\n", "position", "block", "blocks", "byte offset",
                "bytes");
-    for (const physical_run &run : runs) {
+    for (const struct physical_run &run : runs) {
         fmt::print("{:>10} {:>10} {:>10} {:>16} {:>14}\n", run.position, run.block, run.blocks,
                    uint64_t{run.block} * walk.block_length,
                    uint64_t{run.blocks} * walk.block_length);

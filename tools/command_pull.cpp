@@ -18,8 +18,8 @@
 #include "tools/safe_name.h"
 
 struct pull_state {
-    disk_image *image;
-    const pull_options *options;
+    struct disk_image *image;
+    const struct pull_options *options;
     int directory;
     FILE *out;                                 // null while a file is skipped
     std::string path;                          // of `out`, for messages
@@ -30,14 +30,14 @@ struct pull_state {
     int status;
 };
 
-static void note(pull_state *state, int status, const std::string &text) {
+static void note(struct pull_state *state, int status, const std::string &text) {
     state->notes.push_back(text);
     state->status = std::max(state->status, status);
 }
 
 // The name to write under: the dump's own, made safe, and unlike that of any other file of the
 // dump.
-static std::string choose_name(pull_state *state, const std::string &name) {
+static std::string choose_name(struct pull_state *state, const std::string &name) {
     const std::string safe = safe_name(name);
     std::string chosen = safe;
     while (state->used.count(chosen) != 0) {
@@ -52,7 +52,7 @@ static std::string choose_name(pull_state *state, const std::string &name) {
     return chosen;
 }
 
-static void begin_file(pull_state *state, const dump_file &file) {
+static void begin_file(struct pull_state *state, const struct dump_file &file) {
     const auto known = state->names.find(file.name);
     const std::string name =
         known != state->names.end() ? known->second : choose_name(state, file.name);
@@ -85,7 +85,7 @@ static void begin_file(pull_state *state, const dump_file &file) {
     }
 }
 
-static void close_file(pull_state *state, bool written) {
+static void close_file(struct pull_state *state, bool written) {
     if (state->out != nullptr && (fclose(state->out) != 0 || !written)) {
         note(state, exit_unreadable,
              fmt::format("cannot write {}: {}; make room or choose another directory", state->path,
@@ -94,13 +94,13 @@ static void close_file(pull_state *state, bool written) {
     state->out = nullptr;
 }
 
-static void take_data(pull_state *state, const unsigned char *data, size_t length) {
+static void take_data(struct pull_state *state, const unsigned char *data, size_t length) {
     if (state->out != nullptr && fwrite(data, 1, length, state->out) != length) {
         close_file(state, false);
     }
 }
 
-static void end_file(pull_state *state, const dump_file &file) {
+static void end_file(struct pull_state *state, const struct dump_file &file) {
     close_file(state, true);
     if (file.present < file.size) {
         note(state, exit_not_whole,
@@ -112,15 +112,15 @@ static void end_file(pull_state *state, const dump_file &file) {
     }
 }
 
-static std::string describe(const pull_state &state, const bootside_walk &walk,
-                            bootside_result result, const bootside_fault &fault) {
-    bootside_walk at = walk;
+static std::string describe(const struct pull_state &state, const struct bootside_walk &walk,
+                            enum bootside_result result, const struct bootside_fault &fault) {
+    struct bootside_walk at = walk;
     at.fault = fault;
     return describe_verdict(*state.image, result, at);
 }
 
-static void judge(pull_state *state, const bootside_walk &walk, const dump_reading &reading,
-                  bool pending) {
+static void judge(struct pull_state *state, const struct bootside_walk &walk,
+                  const struct dump_reading &reading, bool pending) {
     if (reading.doubted != bootside_ok) {
         note(state, exit_not_whole,
              fmt::format("the chain is {}; what comes after that block may be wrong",
@@ -152,9 +152,9 @@ static int open_directory(const std::string &path) {
     return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-int pull_command(disk_image *image, const pull_options &options) {
-    bootside_walk walk = {};
-    const bootside_result result = chain_walk_start(&walk, &image->port);
+int pull_command(struct disk_image *image, const struct pull_options &options) {
+    struct bootside_walk walk = {};
+    const enum bootside_result result = chain_walk_start(&walk, &image->port);
     if (result != bootside_ok) {
         return report_failure(*image, result, walk);
     }
@@ -163,7 +163,7 @@ int pull_command(disk_image *image, const pull_options &options) {
         fmt::print("no dump is pending; nothing was written\n");
         return exit_good;
     }
-    pull_state state = {};
+    struct pull_state state = {};
     state.image = image;
     state.options = &options;
     state.directory = open_directory(options.directory);
@@ -172,12 +172,12 @@ int pull_command(disk_image *image, const pull_options &options) {
                    options.directory, strerror(errno));
         return exit_unreadable;
     }
-    const dump_sink sink = {
-        [&](const dump_file &file) { begin_file(&state, file); },
+    const struct dump_sink sink = {
+        [&](const struct dump_file &file) { begin_file(&state, file); },
         [&](const unsigned char *data, size_t length) { take_data(&state, data, length); },
-        [&](const dump_file &file) { end_file(&state, file); }};
+        [&](const struct dump_file &file) { end_file(&state, file); }};
     progress_begin(image, "pulling", uint64_t{walk.n_blocks} * walk.block_length);
-    const dump_reading reading = read_dump_stream(&walk, sink);
+    const struct dump_reading reading = read_dump_stream(&walk, sink);
     progress_end(image);
     close(state.directory);
     judge(&state, walk, reading, pending);

@@ -11,43 +11,43 @@
 #include "tools/safe_name.h"
 
 struct chain_status {
-    bootside_result result;
-    bootside boot;
+    enum bootside_result result;
+    struct bootside boot;
     bool has_stream;  // the geometry is sound enough to look for files
-    dump_reading dump;
-    std::vector<dump_file> files;
+    struct dump_reading dump;
+    std::vector<struct dump_file> files;
 };
 
-static bool has_geometry(bootside_result result, const bootside_walk &walk) {
+static bool has_geometry(enum bootside_result result, const struct bootside_walk &walk) {
     return result != bootside_no_anchor &&
            !(result == bootside_read_failed && walk.fault.in_misc != 0);
 }
 
-static bool is_pending(const chain_status &status) {
+static bool is_pending(const struct chain_status &status) {
     return (status.boot.walk.flags & initial_block_header_dump_flag) != 0;
 }
 
-static chain_status examine(disk_image *image) {
-    chain_status status = {};
+static struct chain_status examine(struct disk_image *image) {
+    struct chain_status status = {};
     status.result = open_chain(image, &status.boot);
-    bootside_walk walk;
+    struct bootside_walk walk;
     status.has_stream = chain_walk_start(&walk, &image->port) == bootside_ok;
     if (!status.has_stream) {
         return status;
     }
-    dump_sink sink;
-    sink.end = [&](const dump_file &file) { status.files.push_back(file); };
+    struct dump_sink sink;
+    sink.end = [&](const struct dump_file &file) { status.files.push_back(file); };
     progress_begin(image, "reading", uint64_t{walk.n_blocks} * walk.block_length);
     status.dump = read_dump_stream(&walk, sink);
     progress_end(image);
     return status;
 }
 
-static void print_files(const chain_status &status) {
+static void print_files(const struct chain_status &status) {
     fmt::print("dump         {}\n", status.files.empty() ? "none in the chain"
                                     : is_pending(status) ? "waits for the device"
                                                          : "an old one, no longer pending");
-    for (const dump_file &file : status.files) {
+    for (const struct dump_file &file : status.files) {
         fmt::print("  {:<20} {:>14}{}\n", safe_name(file.name), file.size,
                    file.present < file.size
                        ? fmt::format("  CUT SHORT: {} bytes are there", file.present)
@@ -59,8 +59,8 @@ static void print_files(const chain_status &status) {
     }
 }
 
-static void print_text(const disk_image &image, const chain_status &status) {
-    const bootside_walk &walk = status.boot.walk;
+static void print_text(const struct disk_image &image, const struct chain_status &status) {
+    const struct bootside_walk &walk = status.boot.walk;
     fmt::print("state        {}\n", describe_state(status.result, walk));
     if (has_geometry(status.result, walk)) {
         fmt::print("flags        {:#x}\nseed         {:#010x}\nfirst block  {}\n", walk.flags,
@@ -79,8 +79,9 @@ static void print_text(const disk_image &image, const chain_status &status) {
     }
 }
 
-static nlohmann::json fault_json(const disk_image &image, const chain_status &status) {
-    const bootside_fault &fault = status.boot.walk.fault;
+static nlohmann::json fault_json(const struct disk_image &image,
+                                 const struct chain_status &status) {
+    const struct bootside_fault &fault = status.boot.walk.fault;
     return {{"partition", fault.in_misc != 0 ? "misc" : "data"},
             {"position", fault.position},
             {"block", fault.block},
@@ -90,8 +91,8 @@ static nlohmann::json fault_json(const disk_image &image, const chain_status &st
             {"message", describe_verdict(image, status.result, status.boot.walk)}};
 }
 
-static void print_json(const disk_image &image, const chain_status &status) {
-    const bootside_walk &walk = status.boot.walk;
+static void print_json(const struct disk_image &image, const struct chain_status &status) {
+    const struct bootside_walk &walk = status.boot.walk;
     nlohmann::json out = {{"state", describe_state(status.result, walk)},
                           {"verdict", result_key(status.result)}};
     if (has_geometry(status.result, walk)) {
@@ -104,7 +105,7 @@ static void print_json(const disk_image &image, const chain_status &status) {
     }
     if (status.has_stream) {
         nlohmann::json files = nlohmann::json::array();
-        for (const dump_file &file : status.files) {
+        for (const struct dump_file &file : status.files) {
             files.push_back({{"name", file.name}, {"size", file.size}, {"present", file.present}});
         }
         out["dump"] = {{"pending", is_pending(status)},
@@ -118,8 +119,8 @@ static void print_json(const disk_image &image, const chain_status &status) {
     fmt::print("{}\n", out.dump(2, ' ', true, nlohmann::json::error_handler_t::replace));
 }
 
-int status_command(disk_image *image, bool json) {
-    const chain_status status = examine(image);
+int status_command(struct disk_image *image, bool json) {
+    const struct chain_status status = examine(image);
     if (json) {
         print_json(*image, status);
     } else {

@@ -5,9 +5,9 @@
 #include "tools/commands.h"
 #include "tools/progress_bar.h"
 
-bootside_result open_chain(disk_image *image, bootside *boot) {
+enum bootside_result open_chain(struct disk_image *image, struct bootside *boot) {
     // The anchor alone first: its length is the bar's.
-    bootside_result result = chain_walk_start(&boot->walk, &image->port);
+    enum bootside_result result = chain_walk_start(&boot->walk, &image->port);
     if (result == bootside_ok) {
         progress_begin(image, "verifying", uint64_t{boot->walk.n_blocks} * boot->walk.block_length);
         result = bootside_open(boot, &image->port);
@@ -16,15 +16,16 @@ bootside_result open_chain(disk_image *image, bootside *boot) {
     return result;
 }
 
-int report_failure(const disk_image &image, bootside_result result, const bootside_walk &walk) {
+int report_failure(const struct disk_image &image, enum bootside_result result,
+                   const struct bootside_walk &walk) {
     fmt::print(stderr, "tarnix-chain: the chain is {}\ntarnix-chain: next: {}\n",
                describe_verdict(image, result, walk), next_step(result));
     return result == bootside_read_failed ? exit_unreadable : exit_not_whole;
 }
 
-int verify_command(disk_image *image) {
-    bootside boot = {};
-    const bootside_result result = open_chain(image, &boot);
+int verify_command(struct disk_image *image) {
+    struct bootside boot = {};
+    const enum bootside_result result = open_chain(image, &boot);
     if (result != bootside_ok) {
         return report_failure(*image, result, boot.walk);
     }

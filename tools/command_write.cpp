@@ -17,15 +17,15 @@ struct input_file {
 };
 
 // Opens NAME=FILE. Returns exit_good, or what to exit with.
-static int open_input(const std::string &text, const std::vector<input_file> &earlier,
-                      input_file *file) {
+static int open_input(const std::string &text, const std::vector<struct input_file> &earlier,
+                      struct input_file *file) {
     const size_t equals = text.find('=');
     if (equals == std::string::npos) {
         fmt::print(stderr, "tarnix-chain: {}: a file to write is given as NAME=FILE\n", text);
         return exit_usage;
     }
     *file = {text.substr(0, equals), text.substr(equals + 1), -1, 0};
-    for (const input_file &other : earlier) {
+    for (const struct input_file &other : earlier) {
         if (other.name == file->name) {
             fmt::print(stderr,
                        "tarnix-chain: the name {} is given twice; the device would keep "
@@ -49,7 +49,7 @@ static int open_input(const std::string &text, const std::vector<input_file> &ea
         return exit_unreadable;
     }
     file->size = static_cast<uint64_t>(status.st_size);
-    const bootside_result result = bootside_check_file(file->name.c_str(), file->size);
+    const enum bootside_result result = bootside_check_file(file->name.c_str(), file->size);
     if (result != bootside_ok) {
         fmt::print(stderr, "tarnix-chain: {}: {}; nothing was written\n", text,
                    bootside_result_text(result));
@@ -58,17 +58,18 @@ static int open_input(const std::string &text, const std::vector<input_file> &ea
     return exit_good;
 }
 
-static int refuse(bootside_result result, const std::string &detail) {
+static int refuse(enum bootside_result result, const std::string &detail) {
     fmt::print(stderr, "tarnix-chain: {}{}; nothing was written\ntarnix-chain: next: {}\n",
                bootside_result_text(result), detail, next_step(result));
     return exit_not_whole;
 }
 
 // Everything that can be judged before the first byte is written.
-static int check_dump(bootside *boot, const std::vector<input_file> &files, bool replace) {
+static int check_dump(struct bootside *boot, const std::vector<struct input_file> &files,
+                      bool replace) {
     std::vector<uint64_t> sizes;
     sizes.reserve(files.size());
-    for (const input_file &file : files) {
+    for (const struct input_file &file : files) {
         sizes.push_back(file.size);
     }
     const uint64_t need = bootside_need(boot, sizes.data(), sizes.size());
@@ -77,12 +78,13 @@ static int check_dump(bootside *boot, const std::vector<input_file> &files, bool
         return refuse(bootside_does_not_fit,
                       fmt::format(": the dump needs {} bytes, the chain has {}", need, capacity));
     }
-    const bootside_result result = bootside_begin_dump(boot, replace ? 1 : 0);
+    const enum bootside_result result = bootside_begin_dump(boot, replace ? 1 : 0);
     return result == bootside_ok ? exit_good : refuse(result, "");
 }
 
-static bootside_result copy_file(bootside *boot, const input_file &file, std::string *error) {
-    bootside_result result = bootside_begin_file(boot, file.name.c_str(), file.size);
+static enum bootside_result copy_file(struct bootside *boot, const struct input_file &file,
+                                      std::string *error) {
+    enum bootside_result result = bootside_begin_file(boot, file.name.c_str(), file.size);
     std::vector<unsigned char> piece(1048576);
     uint64_t left = file.size;
     while (result == bootside_ok && left > 0) {
@@ -102,15 +104,16 @@ static bootside_result copy_file(bootside *boot, const input_file &file, std::st
     return result;
 }
 
-static int write_dump(disk_image *image, bootside *boot, const std::vector<input_file> &files) {
-    bootside_result result = bootside_ok;
+static int write_dump(struct disk_image *image, struct bootside *boot,
+                      const std::vector<struct input_file> &files) {
+    enum bootside_result result = bootside_ok;
     uint64_t total = 0;
-    for (const input_file &file : files) {
+    for (const struct input_file &file : files) {
         total += file.size;
     }
     image->error.clear();
     progress_begin(image, "writing", total);
-    for (const input_file &file : files) {
+    for (const struct input_file &file : files) {
         if (result == bootside_ok) {
             result = copy_file(boot, file, &image->error);
         }
@@ -131,24 +134,24 @@ static int write_dump(disk_image *image, bootside *boot, const std::vector<input
     return exit_unreadable;
 }
 
-int write_command(disk_image *image, const std::vector<std::string> &texts, bool replace) {
-    std::vector<input_file> files;
+int write_command(struct disk_image *image, const std::vector<std::string> &texts, bool replace) {
+    std::vector<struct input_file> files;
     int status = exit_good;
     for (size_t i = 0; i < texts.size() && status == exit_good; ++i) {
-        input_file file = {};
+        struct input_file file = {};
         status = open_input(texts[i], files, &file);
         files.push_back(file);
     }
-    bootside boot = {};
+    struct bootside boot = {};
     if (status == exit_good) {
-        const bootside_result result = open_chain(image, &boot);
+        const enum bootside_result result = open_chain(image, &boot);
         status = result == bootside_ok ? check_dump(&boot, files, replace)
                                        : report_failure(*image, result, boot.walk);
     }
     if (status == exit_good) {
         status = write_dump(image, &boot, files);
     }
-    for (const input_file &file : files) {
+    for (const struct input_file &file : files) {
         if (file.fd >= 0) {
             close(file.fd);
         }

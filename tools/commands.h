@@ -14,24 +14,25 @@ enum exit_status {
     exit_unreadable = 3  // an image or file cannot be opened, read or written
 };
 
-int status_command(disk_image *image, bool json);
-int verify_command(disk_image *image);
-int map_command(disk_image *image);
+int status_command(struct disk_image *image, bool json);
+int verify_command(struct disk_image *image);
+int map_command(struct disk_image *image);
 
 // `files` are NAME=FILE.
-int write_command(disk_image *image, const std::vector<std::string> &files, bool replace);
+int write_command(struct disk_image *image, const std::vector<std::string> &files, bool replace);
 
 struct pull_options {
     std::string directory;
     bool force;
     bool pending_only;
 };
-int pull_command(disk_image *image, const pull_options &options);
+int pull_command(struct disk_image *image, const struct pull_options &options);
 
 // Verifies the whole chain behind a progress bar, with bootside_open.
-bootside_result open_chain(disk_image *image, bootside *boot);
+enum bootside_result open_chain(struct disk_image *image, struct bootside *boot);
 
 // Prints the verdict and the next step on standard error, and returns the status that fits.
-int report_failure(const disk_image &image, bootside_result result, const bootside_walk &walk);
+int report_failure(const struct disk_image &image, enum bootside_result result,
+                   const struct bootside_walk &walk);
 
 #endif

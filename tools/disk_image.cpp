@@ -12,19 +12,19 @@
 // Large enough for every block length that the kit accepts, and for transfers at full speed.
 static const size_t buffer_size = 1048576;
 
-static disk_image *image_of(void *user) {
-    return static_cast<disk_image *>(user);
+static struct disk_image *image_of(void *user) {
+    return static_cast<struct disk_image *>(user);
 }
 
-std::string name_offset(const partition_place &partition, uint64_t offset) {
+std::string name_offset(const struct partition_place &partition, uint64_t offset) {
     return fmt::format("byte {} of {}", partition.start + offset, partition.path);
 }
 
 // Transfers all of `length` bytes. The end of the image inside a partition is a failure: the image
 // has been cut short.
 template <typename transfer_call>
-static int transfer(disk_image *image, const partition_place &partition, uint64_t offset,
-                    size_t length, const char *verb, transfer_call call) {
+static int transfer(struct disk_image *image, const struct partition_place &partition,
+                    uint64_t offset, size_t length, const char *verb, transfer_call call) {
     size_t done = 0;
     while (done < length) {
         const ssize_t n = offset > partition.size || length > partition.size - offset
@@ -44,21 +44,21 @@ static int transfer(disk_image *image, const partition_place &partition, uint64_
     return 0;
 }
 
-static int read_partition(disk_image *image, const partition_place &from, uint64_t offset,
-                          void *buffer, size_t length) {
+static int read_partition(struct disk_image *image, const struct partition_place &from,
+                          uint64_t offset, void *buffer, size_t length) {
     return transfer(image, from, offset, length, "read", [&](size_t done, off_t at) {
         return pread(from.fd, static_cast<char *>(buffer) + done, length - done, at);
     });
 }
 
-static int write_partition(disk_image *image, const partition_place &to, uint64_t offset,
-                           const void *data, size_t length) {
+static int write_partition(struct disk_image *image, const struct partition_place &to,
+                           uint64_t offset, const void *data, size_t length) {
     return transfer(image, to, offset, length, "write", [&](size_t done, off_t at) {
         return pwrite(to.fd, static_cast<const char *>(data) + done, length - done, at);
     });
 }
 
-static void count_transfer(disk_image *image, size_t length) {
+static void count_transfer(struct disk_image *image, size_t length) {
     image->transferred += length;
     if (image->on_transfer != nullptr) {
         image->on_transfer(image->transferred);
@@ -84,8 +84,8 @@ static int write_data(void *user, uint64_t offset, const void *data, size_t leng
 }
 
 static int flush_images(void *user) {
-    disk_image *image = image_of(user);
-    for (const partition_place *partition : {&image->data, &image->misc}) {
+    struct disk_image *image = image_of(user);
+    for (const struct partition_place *partition : {&image->data, &image->misc}) {
         if (fdatasync(partition->fd) != 0) {
             image->error = fmt::format("cannot flush {}: {}", partition->path, strerror(errno));
             return -1;
@@ -100,7 +100,7 @@ static uint32_t zlib_crc32(void *, uint32_t crc, const void *data, size_t length
 }
 
 // Opens one image as a partition that fills it.
-static bool open_whole(const std::string &path, bool writable, partition_place *partition,
+static bool open_whole(const std::string &path, bool writable, struct partition_place *partition,
                        std::string *error) {
     struct stat status = {};
     // Exclusive on a block device: refused while a file system of it is mounted.
@@ -122,8 +122,9 @@ static bool open_whole(const std::string &path, bool writable, partition_place *
 
 // Looks for the two names in a GPT with sectors of `sector_size` bytes. False when there is no
 // GPT.
-static bool read_gpt(const partition_place &disk, unsigned sector_size,
-                     const std::string &data_name, partition_place *misc, partition_place *data) {
+static bool read_gpt(const struct partition_place &disk, unsigned sector_size,
+                     const std::string &data_name, struct partition_place *misc,
+                     struct partition_place *data) {
     const std::unique_ptr<blkid_struct_probe, decltype(&blkid_free_probe)> probe(blkid_new_probe(),
                                                                                  blkid_free_probe);
     if (probe == nullptr || blkid_probe_set_device(probe.get(), disk.fd, 0, 0) != 0) {
@@ -153,9 +154,9 @@ static bool read_gpt(const partition_place &disk, unsigned sector_size,
     return true;
 }
 
-static bool open_disk(const image_options &options, bool writable, disk_image *image,
+static bool open_disk(const struct image_options &options, bool writable, struct disk_image *image,
                       std::string *error) {
-    partition_place disk = {};
+    struct partition_place disk = {};
     if (!open_whole(options.disk, writable, &disk, error)) {
         return false;
     }
@@ -179,9 +180,9 @@ static bool open_disk(const image_options &options, bool writable, disk_image *i
     return true;
 }
 
-std::unique_ptr<disk_image> open_disk_image(const image_options &options, bool writable,
-                                            std::string *error) {
-    auto image = std::make_unique<disk_image>();
+std::unique_ptr<struct disk_image> open_disk_image(const struct image_options &options,
+                                                   bool writable, std::string *error) {
+    auto image = std::make_unique<struct disk_image>();
     image->misc.fd = image->data.fd = -1;
     const bool opened = options.disk.empty()
                             ? open_whole(options.misc, writable, &image->misc, error) &&
@@ -198,7 +199,7 @@ std::unique_ptr<disk_image> open_disk_image(const image_options &options, bool w
     return image;
 }
 
-void close_disk_image(disk_image *image) {
+void close_disk_image(struct disk_image *image) {
     if (image->data.fd != image->misc.fd && image->data.fd >= 0) {
         close(image->data.fd);
     }

@@ -27,24 +27,24 @@ struct partition_place {
 // An opened pair with a port for bootside/ over it. `error` tells in words why the last transfer
 // of the port failed; `transferred` counts the data partition's bytes.
 struct disk_image {
-    partition_place misc;
-    partition_place data;
+    struct partition_place misc;
+    struct partition_place data;
     std::string error;
     uint64_t transferred;
     void (*on_transfer)(uint64_t transferred);  // may be null
     std::vector<unsigned char> buffer;
-    bootside_port port;
+    struct bootside_port port;
 };
 
 // Opens the images. Null on failure with *error saying what to do; block devices that are to be
 // written must not be in use.
-std::unique_ptr<disk_image> open_disk_image(const image_options &options, bool writable,
-                                            std::string *error);
+std::unique_ptr<struct disk_image> open_disk_image(const struct image_options &options,
+                                                   bool writable, std::string *error);
 
 // "byte 4096 of disk.img": the place of a partition's byte in the file that the user has named.
-std::string name_offset(const partition_place &partition, uint64_t offset);
+std::string name_offset(const struct partition_place &partition, uint64_t offset);
 
 // Closes what open_disk_image has opened.
-void close_disk_image(disk_image *image);
+void close_disk_image(struct disk_image *image);
 
 #endif

@@ -13,9 +13,9 @@
 static const size_t longest_device_name = 63 - 28;
 
 struct stream_state {
-    const dump_sink *sink;
-    dump_reading *reading;
-    dump_file file;
+    const struct dump_sink *sink;
+    struct dump_reading *reading;
+    struct dump_file file;
     bool in_file;
 };
 
@@ -26,7 +26,7 @@ static std::string name_in(const unsigned char *header) {
     return std::string(name, strnlen(name, std::min(reach, longest_device_name)));
 }
 
-static void end_file(stream_state *state) {
+static void end_file(struct stream_state *state) {
     if (state->file.present < state->file.size) {
         ++state->reading->cut_short;
     }
@@ -37,7 +37,7 @@ static void end_file(stream_state *state) {
 }
 
 // Takes the header at `bytes`. False where the dump ends.
-static bool begin_file(stream_state *state, const unsigned char *bytes) {
+static bool begin_file(struct stream_state *state, const unsigned char *bytes) {
     struct dump_file_header header;
     memcpy(&header, bytes, sizeof(header));
     if (header.magic != dump_file_header_magic) {
@@ -62,7 +62,7 @@ static bool begin_file(stream_state *state, const unsigned char *bytes) {
 }
 
 // Takes one block's payload. False where the dump ends.
-static bool take_payload(stream_state *state, const unsigned char *bytes, size_t length) {
+static bool take_payload(struct stream_state *state, const unsigned char *bytes, size_t length) {
     while (length > 0) {
         size_t taken = sizeof(struct dump_file_header);
         if (state->in_file) {
@@ -86,15 +86,15 @@ static bool take_payload(stream_state *state, const unsigned char *bytes, size_t
     return true;
 }
 
-dump_reading read_dump_stream(bootside_walk *walk, const dump_sink &sink) {
-    dump_reading reading = {};
-    stream_state state = {&sink, &reading, {}, false};
+struct dump_reading read_dump_stream(struct bootside_walk *walk, const struct dump_sink &sink) {
+    struct dump_reading reading = {};
+    struct stream_state state = {&sink, &reading, {}, false};
     const size_t payload = walk->block_length - sizeof(struct block_header);
     bool more = true;
     while (more && walk->position < walk->n_blocks) {
-        bootside_result result = chain_walk_read(walk);
+        enum bootside_result result = chain_walk_read(walk);
         if (result == bootside_ok) {
-            const bootside_result checked = chain_walk_check(walk);
+            const enum bootside_result checked = chain_walk_check(walk);
             if (checked != bootside_ok && reading.doubted == bootside_ok) {
                 reading.doubted = checked;
                 reading.doubted_at = walk->fault;
@@ -114,7 +114,7 @@ dump_reading read_dump_stream(bootside_walk *walk, const dump_sink &sink) {
     return reading;
 }
 
-bool dump_is_whole(const dump_reading &reading) {
+bool dump_is_whole(const struct dump_reading &reading) {
     return reading.stopped == bootside_ok && reading.doubted == bootside_ok &&
            reading.cut_short == 0 && !reading.too_many;
 }

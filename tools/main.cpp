@@ -9,15 +9,15 @@
 #include "tools/commands.h"
 
 struct command_line {
-    image_options image;
+    struct image_options image;
     bool json = false;
     bool replace = false;
     std::vector<std::string> files;
-    pull_options pull = {};
+    struct pull_options pull = {};
 };
 
-static CLI::App *add_command(CLI::App *app, command_line *line, const char *name, const char *about,
-                             const char *example) {
+static CLI::App *add_command(CLI::App *app, struct command_line *line, const char *name,
+                             const char *about, const char *example) {
     CLI::App *command = app->add_subcommand(name, about);
     CLI::Option *disk = command->add_option("--disk", line->image.disk,
                                             "Whole-disk image or block device with a GPT");
@@ -34,7 +34,7 @@ static CLI::App *add_command(CLI::App *app, command_line *line, const char *name
     return command;
 }
 
-static void add_commands(CLI::App *app, command_line *line) {
+static void add_commands(CLI::App *app, struct command_line *line) {
     add_command(app, line, "status", "Tell the state of the chain and the files of a dump",
                 "--disk phone.img")
         ->add_flag("--json", line->json, "Print it as JSON");
@@ -58,7 +58,8 @@ static void add_commands(CLI::App *app, command_line *line) {
                    "Leave an old dump, which the device has already extracted, alone");
 }
 
-static int run_command(const std::string &name, disk_image *image, const command_line &line) {
+static int run_command(const std::string &name, struct disk_image *image,
+                       const struct command_line &line) {
     if (name == "status") {
         return status_command(image, line.json);
     }
@@ -76,7 +77,7 @@ static int run_command(const std::string &name, disk_image *image, const command
 
 static int run(int argc, char **argv) {
     CLI::App app("Works on the crash-dump chain of a device that is off, in an image of its disk.");
-    command_line line;
+    struct command_line line;
     add_commands(&app, &line);
     app.require_subcommand(1);
     app.footer(

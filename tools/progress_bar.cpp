@@ -27,14 +27,14 @@ static void draw(uint64_t transferred) {
     fflush(stderr);
 }
 
-void progress_begin(disk_image *image, const char *label, uint64_t total) {
+void progress_begin(struct disk_image *image, const char *label, uint64_t total) {
     if (isatty(STDERR_FILENO) != 0 && total != 0) {
         bar = {label, total, image->transferred, UINT64_MAX};
         image->on_transfer = draw;
     }
 }
 
-void progress_end(disk_image *image) {
+void progress_end(struct disk_image *image) {
     if (image->on_transfer != nullptr) {
         fmt::print(stderr, "\r\033[K");
         image->on_transfer = nullptr;

@@ -5,9 +5,9 @@
 #include "tools/disk_image.h"
 
 // Starts a bar that follows the transfers of `image` up to `total` bytes of its data partition.
-void progress_begin(disk_image *image, const char *label, uint64_t total);
+void progress_begin(struct disk_image *image, const char *label, uint64_t total);
 
 // Wipes the bar, before anything else is printed.
-void progress_end(disk_image *image);
+void progress_end(struct disk_image *image);
 
 #endif

@@ -9,8 +9,8 @@
 
 #include "tests/bootside/memory_device.h"
 
-static const uint64_t payload = 512 - sizeof(block_header);
-static bootside boot;
+static const uint64_t payload = 512 - sizeof(struct block_header);
+static struct bootside boot;
 
 static std::string pattern(size_t size) {
     std::string text(size, 0);
@@ -18,8 +18,8 @@ static std::string pattern(size_t size) {
     return text;
 }
 
-static bootside_result write_dump(const named_files &files, size_t piece) {
-    bootside_result result = bootside_begin_dump(&boot, 1);
+static enum bootside_result write_dump(const named_files &files, size_t piece) {
+    enum bootside_result result = bootside_begin_dump(&boot, 1);
     for (const auto &[name, data] : files) {
         if (result == bootside_ok) {
             result = bootside_begin_file(&boot, name.c_str(), data.size());
@@ -110,7 +110,7 @@ TEST(bootside, a_flag_never_stands_over_a_torn_dump) {
         ASSERT_EQ(bootside_ok, write_dump({{"old", pattern(50 * payload)}}, 999));
         device.calls.clear();
         device.calls_left = failing;
-        const bootside_result result = write_dump({{"new", pattern(40 * payload)}}, 999);
+        const enum bootside_result result = write_dump({{"new", pattern(40 * payload)}}, 999);
         EXPECT_EQ(calls.substr(0, failing), device.calls);
         const char failed = calls[failing - 1];
         EXPECT_EQ(failed == 'F' ? bootside_flush_failed : bootside_write_failed, result);

@@ -19,10 +19,10 @@
 #include "tools/dump_stream.h"
 
 struct memory_device {
-    initial_block_header anchor;             // all that misc has
+    struct initial_block_header anchor;      // all that misc has
     std::map<uint64_t, std::string> blocks;  // of data, by number; what is not there is zeros
     std::vector<unsigned char> buffer;
-    bootside_port port;
+    struct bootside_port port;
     std::string calls;    // R read, P payload written, S flag set, C flag cleared, F flush
     unsigned calls_left;  // until one fails with 77; 0: none does
 };
@@ -30,7 +30,7 @@ struct memory_device {
 using named_files = std::vector<std::pair<std::string, std::string>>;
 
 // The one that a test works on.
-inline memory_device device;
+inline struct memory_device device;
 
 inline int answer(char call) {
     device.calls += call;
@@ -44,7 +44,8 @@ inline int read_anchor(void *, uint64_t offset, void *to, size_t length) {
 }
 
 inline int write_flags(void *, uint64_t offset, const void *from, size_t length) {
-    assert(offset == initial_block_header_misc_offset + offsetof(initial_block_header, flags));
+    assert(offset ==
+           initial_block_header_misc_offset + offsetof(struct initial_block_header, flags));
     memcpy(&device.anchor.flags, from, length);
     return answer((device.anchor.flags & initial_block_header_dump_flag) != 0 ? 'S' : 'C');
 }
@@ -74,7 +75,7 @@ inline uint32_t crc_of(void *, uint32_t start, const void *data, size_t length) 
 }
 
 // Makes the device anew, with a data partition and a working buffer of so many bytes.
-inline void make_device(const initial_block_header &anchor, uint64_t data_size,
+inline void make_device(const struct initial_block_header &anchor, uint64_t data_size,
                         size_t buffer_size) {
     device = {anchor, {}, std::vector<unsigned char>(buffer_size), {}, "", 0};
     const auto flush = [](void *) { return answer('F'); };
@@ -102,12 +103,12 @@ inline void make_chain(uint32_t runs, uint32_t length, size_t buffer_blocks) {
 
 inline named_files read_dump() {
     named_files found;
-    dump_sink sink;
-    sink.begin = [&](const dump_file &file) { found.emplace_back(file.name, ""); };
+    struct dump_sink sink;
+    sink.begin = [&](const struct dump_file &file) { found.emplace_back(file.name, ""); };
     sink.data = [&](const unsigned char *data, size_t length) {
         found.back().second.append(reinterpret_cast<const char *>(data), length);
     };
-    bootside_walk walk;
+    struct bootside_walk walk;
     chain_walk_start(&walk, &device.port);
     read_dump_stream(&walk, sink);
     return found;

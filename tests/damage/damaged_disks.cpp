@@ -36,22 +36,22 @@ struct damaged_disk {
     std::mt19937_64 random;
 };
 
-static size_t below(damaged_disk *disk, size_t n) {
+static size_t below(struct damaged_disk *disk, size_t n) {
     return disk->random() % n;
 }
 
 // Where one of the chain's blocks begins.
-static size_t any_block(damaged_disk *disk) {
+static size_t any_block(struct damaged_disk *disk) {
     return data_start + chain[below(disk, chain.size())] * block_length;
 }
 
-static std::string number(damaged_disk *disk) {
+static std::string number(struct damaged_disk *disk) {
     const uint32_t edges[] = {0, 1, 63, 64, 0x7fffffff, 0x80000000, 0xffffffff};
     const auto block = static_cast<uint32_t>(below(disk, 64));
     return bytes_of(below(disk, 2) == 0 ? edges[below(disk, 7)] : block);
 }
 
-static std::string noise(damaged_disk *disk, size_t length) {
+static std::string noise(struct damaged_disk *disk, size_t length) {
     std::string bytes(1 + below(disk, length), '\0');
     for (char &byte : bytes) {
         byte = static_cast<char>(disk->random());
@@ -59,13 +59,13 @@ static std::string noise(damaged_disk *disk, size_t length) {
     return bytes;
 }
 
-static void put(damaged_disk *disk, size_t at, const std::string &bytes) {
+static void put(struct damaged_disk *disk, size_t at, const std::string &bytes) {
     if (at + bytes.size() <= disk->bytes.size()) {  // it may have been cut before
         disk->bytes.replace(at, bytes.size(), bytes);
     }
 }
 
-static void put_link_with_its_crc(damaged_disk *disk) {
+static void put_link_with_its_crc(struct damaged_disk *disk) {
     const size_t position = below(disk, chain.size());
     std::vector<uint32_t> blocks(&chain[0], &chain[position] + 1);
     blocks.push_back(chain[below(disk, chain.size())]);
@@ -73,7 +73,7 @@ static void put_link_with_its_crc(damaged_disk *disk) {
         chain_headers(crc_seed, blocks)[position]);
 }
 
-static void put_file_header(damaged_disk *disk) {
+static void put_file_header(struct damaged_disk *disk) {
     const size_t at = disk->bytes.find("F1Le", data_start + below(disk, data_size));
     if (at != std::string::npos) {
         const size_t field = std::vector<size_t>{0, 4, 24, 28}[below(disk, 4)];
@@ -81,14 +81,14 @@ static void put_file_header(damaged_disk *disk) {
     }
 }
 
-static std::string crc_of(const damaged_disk *disk, size_t at, size_t length) {
+static std::string crc_of(const struct damaged_disk *disk, size_t at, size_t length) {
     const std::string bytes = disk->bytes.substr(at, length);
     return bytes_of(static_cast<uint32_t>(
         crc32(0, reinterpret_cast<const Bytef *>(bytes.data()), static_cast<uInt>(bytes.size()))));
 }
 
 // The first or last sector of a partition, with the CRCs of the entries and of the table's header.
-static void put_entry_with_crcs(damaged_disk *disk) {
+static void put_entry_with_crcs(struct damaged_disk *disk) {
     put(disk, 1024 + 128 * below(disk, 2) + 32 + 8 * below(disk, 2), number(disk));
     if (disk->bytes.size() > misc_start) {
         put(disk, 512 + 88, crc_of(disk, 1024, 16384));
@@ -99,7 +99,7 @@ static void put_entry_with_crcs(damaged_disk *disk) {
 
 static const struct {
     const char *name;
-    void (*damage)(damaged_disk *disk);
+    void (*damage)(struct damaged_disk *disk);
 } kinds[] = {
     {"anchor", [](auto *d) { put(d, anchor_at + 4 * below(d, 6), number(d)); }},
     {"block header", [](auto *d) { put(d, any_block(d) + 4 * below(d, 3), number(d)); }},
@@ -130,7 +130,7 @@ static size_t from_environment(const char *name, size_t otherwise) {
 }
 
 // Runs a command of tarnix-chain over the disk as it lies there; its words go nowhere.
-static int run_command(bool writable, const std::function<int(disk_image *)> &command) {
+static int run_command(bool writable, const std::function<int(struct disk_image *)> &command) {
     static FILE *nowhere = fopen("/dev/null", "w");
     FILE *standard[] = {stdout, stderr};
     stdout = stderr = nowhere;
@@ -167,12 +167,13 @@ static std::string sound_disk() {
 }
 
 // Calls `body` with each damaged disk, in a process of its own that is not to hang.
-static void for_each_disk(size_t count, const std::function<void(const damaged_disk &)> &body) {
+static void for_each_disk(size_t count,
+                          const std::function<void(const struct damaged_disk &)> &body) {
     const std::string sound = sound_disk();
     const size_t seed = from_environment("TARNIX_DAMAGE_SEED", 1);
     const size_t first = from_environment("TARNIX_DAMAGE_FIRST", 0);
     for (size_t i = first; i < first + count; ++i) {
-        damaged_disk disk = {sound, "", std::mt19937_64(seed * 1000000 + i)};
+        struct damaged_disk disk = {sound, "", std::mt19937_64(seed * 1000000 + i)};
         disk.name = "seed " + std::to_string(seed) + ", disk " + std::to_string(i) + ":";
         size_t kind = i % kind_count;
         for (size_t more = 1 + below(&disk, 3); more > 0; --more) {
@@ -193,20 +194,20 @@ struct range {
 
 // Whether nothing but the given bytes differs.
 static bool differs_only_in(std::string before, const std::string &after,
-                            const std::vector<range> &allowed) {
-    for (const range &bytes : allowed) {
+                            const std::vector<struct range> &allowed) {
+    for (const struct range &bytes : allowed) {
         before.replace(bytes.offset, bytes.length, after, bytes.offset, bytes.length);
     }
     return before == after;
 }
 
 TEST(damaged_disks, are_safe_with_tarnix_chain) {
-    static const pull_options keep = {"/data/out", false, false};
-    static const pull_options replace = {"/data/out", true, true};
+    static const struct pull_options keep = {"/data/out", false, false};
+    static const struct pull_options replace = {"/data/out", true, true};
     static const struct {
         const char *name;
         bool writes;
-        int (*run)(disk_image *image);
+        int (*run)(struct disk_image *image);
     } commands[] = {
         {"status", false, [](auto *image) { return status_command(image, false); }},
         {"status --json", false, [](auto *image) { return status_command(image, true); }},
@@ -219,12 +220,14 @@ TEST(damaged_disks, are_safe_with_tarnix_chain) {
          [](auto *image) { return write_command(image, {"NEW=/large"}, true); }},
     };
     // What a command that succeeds in writing may change: payloads and the flags.
-    std::vector<range> payloads = {{anchor_at + offsetof(initial_block_header, flags), 4}};
+    std::vector<struct range> payloads = {
+        {anchor_at + offsetof(struct initial_block_header, flags), 4}};
     for (const uint32_t block : chain) {
-        payloads.push_back({data_start + block * block_length + sizeof(block_header),
-                            block_length - sizeof(block_header)});
+        payloads.push_back({data_start + block * block_length + sizeof(struct block_header),
+                            block_length - sizeof(struct block_header)});
     }
-    for_each_disk(from_environment("TARNIX_DAMAGE_COUNT", 200), [&](const damaged_disk &disk) {
+    const size_t count = from_environment("TARNIX_DAMAGE_COUNT", 200);
+    for_each_disk(count, [&](const struct damaged_disk &disk) {
         write_file(disk_path, disk.bytes);
         for (const auto &command : commands) {
             const int status = run_command(command.writes, command.run);
@@ -239,10 +242,10 @@ TEST(damaged_disks, are_safe_with_tarnix_chain) {
 
 // Whether the walk by the links never ends: in a cycle, or for want of bytes at the device's end.
 static bool is_endless(const std::string &misc, const std::string &data) {
-    initial_block_header anchor;
+    struct initial_block_header anchor;
     memcpy(&anchor, &misc[initial_block_header_misc_offset], sizeof(anchor));
     std::set<uint64_t> seen;
-    block_header header = {block_header_magic, anchor.first_block, 0};
+    struct block_header header = {block_header_magic, anchor.first_block, 0};
     while (header.magic == block_header_magic && header.next_block != 0) {
         const uint64_t at = header.next_block * block_length;
         if (!seen.insert(at).second || at >= data.size()) {
@@ -266,18 +269,18 @@ static void run_tool(std::vector<std::string> words, const std::string &misc,
     (void)tarnix_main(static_cast<int>(words.size()), argv.data());
     EXPECT_EQ(words[1] == "-t" && is_endless(misc, data), platform.reads.empty()) << words[1];
 
-    std::vector<range> anchor, headers;
+    std::vector<struct range> anchor, headers;
     if (words[1] == "-a") {
-        anchor.push_back({initial_block_header_misc_offset, sizeof(initial_block_header)});
+        anchor.push_back({initial_block_header_misc_offset, sizeof(struct initial_block_header)});
         for (const uint32_t block : chain) {
-            headers.push_back({block * block_length, sizeof(block_header)});
+            headers.push_back({block * block_length, sizeof(struct block_header)});
         }
     }
     EXPECT_TRUE(differs_only_in(misc, read_file(MISC_PATH), anchor)) << words[1];
     EXPECT_TRUE(differs_only_in(data, read_file(DEVICE_PATH), headers)) << words[1];
 }
 
-static void run_modes(const damaged_disk &disk) {
+static void run_modes(const struct damaged_disk &disk) {
     std::string whole = disk.bytes;
     whole.resize(data_start + data_size);  // partitions do not shrink
     const std::string misc = whole.substr(misc_start, misc_size);

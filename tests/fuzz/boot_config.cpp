@@ -36,10 +36,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     assert(property.empty() || (found && suffix == property));
     assert(!is_dt_compatible() || texts[2].compare(0, 16, "android,firmware") == 0);
 
-    fstab_rec rec = {};
+    struct fstab_rec rec = {};
     rec.blk_device = strdup("/dev/x");
     rec.fs_mgr_flags = mf_slotselect;
-    fstab table = {1, &rec, nullptr};
+    struct fstab table = {1, &rec, nullptr};
     assert(fs_mgr_update_for_slotselect(&table) == !suffix.empty());
     assert(strcmp(rec.blk_device, ("/dev/x" + suffix).c_str()) == 0);
     free(rec.blk_device);

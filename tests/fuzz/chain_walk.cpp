@@ -9,17 +9,17 @@
 
 struct parameters {
     uint8_t partition, buffer, failing_call, crc;
-    initial_block_header anchor;
+    struct initial_block_header anchor;
 };
 struct numbered_header {
     uint32_t block;
-    block_header header;
+    struct block_header header;
 };
 
 // What an accepted chain promises, walked with everything remembered.
-static void check_accepted(const bootside &boot) {
+static void check_accepted(const struct bootside &boot) {
     std::set<uint64_t> seen;
-    block_header header = {block_header_magic, device.anchor.first_block, 0};
+    struct block_header header = {block_header_magic, device.anchor.first_block, 0};
     while (header.next_block != 0) {
         assert(seen.insert(header.next_block).second);
         memcpy(&header, device.blocks.at(header.next_block).data(), sizeof(header));
@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const uint64_t partition_sizes[] = {0,          511,        65536,     1 << 20,
                                                1ULL << 31, 1ULL << 43, UINT64_MAX};
     static const size_t buffer_sizes[] = {512, 0, 511, 1024, 4096, 65536};
-    parameters chosen;
+    struct parameters chosen;
     if (size < sizeof(chosen)) {
         return -1;
     }
@@ -41,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     make_device(chosen.anchor, partition_sizes[chosen.partition % 7],
                 buffer_sizes[chosen.buffer % 6]);
     device.calls_left = chosen.failing_call;
-    numbered_header given;
+    struct numbered_header given;
     for (size_t at = sizeof(chosen); at + sizeof(given) <= size; at += sizeof(given)) {
         memcpy(&given, data + at, sizeof(given));
         device.blocks[given.block] = bytes_of(given.header);
@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         // which take as many steps as the anchor has blocks.
         device.port.crc32 = [](void *, uint32_t crc, const void *, size_t) { return crc; };
     }
-    bootside boot;
+    struct bootside boot;
     if (bootside_open(&boot, &device.port) == bootside_ok) {
         check_accepted(boot);
     } else {

@@ -7,7 +7,7 @@
 #include "tests/bootside/memory_device.h"
 #include "tests/support/captured_log.h"
 
-static const size_t payload_length = 512 - sizeof(block_header);
+static const size_t payload_length = 512 - sizeof(struct block_header);
 static named_files device_files;
 char ramdump_path[dump_path_size] = "/data/vendor/ramdump/apq/00/";
 

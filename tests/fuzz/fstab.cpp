@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const char *device = find_block_device("/data/ramdump.map", &encryptable, &encrypted);
     assert(device == nullptr || encrypted <= encryptable);
     for (int32_t i = 0; i < device_fstab->num_entries; ++i) {
-        const fstab_rec *rec = &device_fstab->recs[i];
+        const struct fstab_rec *rec = &device_fstab->recs[i];
         assert(rec->blk_device != nullptr && rec->mount_point != nullptr);
         assert(rec->fs_options == nullptr || strlen(rec->fs_options) < 1024);
         for (const uint32_t block_size : {rec->erase_blk_size, rec->logical_blk_size}) {

@@ -41,7 +41,7 @@ static void run(command_call command) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const size_t data_start = 512;
     const std::string input(reinterpret_cast<const char *>(data), size);
-    const size_t anchor = std::min(size, sizeof(initial_block_header));
+    const size_t anchor = std::min(size, sizeof(struct initial_block_header));
     const std::string nothing(initial_block_header_misc_offset, '\0');
     write_file("./misc", nothing + input.substr(0, anchor));
     write_file("./data", nothing.substr(0, data_start) + input.substr(anchor));

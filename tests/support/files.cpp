@@ -46,7 +46,7 @@ std::set<std::string> list_directory(const std::string &path) {
     DIR *directory = opendir(path.c_str());
     must(directory != nullptr, path);
     std::set<std::string> names;
-    for (dirent *entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
+    for (struct dirent *entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
         names.insert(entry->d_name);
     }
     closedir(directory);

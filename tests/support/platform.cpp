@@ -58,8 +58,8 @@ int __system_property_set(const char *name, const char *value) {
 }
 
 // Takes the script's next call; one that fails leaves its error in errno.
-static scripted_call next_call(call_script *script) {
-    scripted_call call = as_usual;
+static struct scripted_call next_call(call_script *script) {
+    struct scripted_call call = as_usual;
     if (!script->empty()) {
         call = script->front();
         script->pop_front();
@@ -72,13 +72,13 @@ extern "C" {
 
 ssize_t __real_read(int fd, void *buffer, size_t length);
 ssize_t __wrap_read(int fd, void *buffer, size_t length) {
-    const scripted_call call = next_call(&platform.reads);
+    const struct scripted_call call = next_call(&platform.reads);
     return call.error != 0 ? -1 : __real_read(fd, buffer, std::min(length, call.limit));
 }
 
 ssize_t __real_write(int fd, const void *buffer, size_t length);
 ssize_t __wrap_write(int fd, const void *buffer, size_t length) {
-    const scripted_call call = next_call(&platform.writes);
+    const struct scripted_call call = next_call(&platform.writes);
     return call.error != 0 ? -1 : __real_write(fd, buffer, std::min(length, call.limit));
 }
 
@@ -99,7 +99,7 @@ int __wrap_ioctl(int /* fd */, unsigned long request, ...) {
     va_end(arguments);
     ++platform.fibmap_calls;
     const auto index = static_cast<size_t>(*block);
-    const fibmap_answer answer =
+    const struct fibmap_answer answer =
         index < platform.fibmap.size() ? platform.fibmap[index] : fibmap_answer{*block, EINVAL};
     *block = answer.block;
     errno = answer.error != 0 ? answer.error : errno;

@@ -26,15 +26,15 @@ struct scripted_call {
     int error;
     size_t limit = SIZE_MAX;
 };
-constexpr scripted_call as_usual = {0};
+constexpr struct scripted_call as_usual = {0};
 
-using call_script = std::deque<scripted_call>;
+using call_script = std::deque<struct scripted_call>;
 extern const call_script second_fails;           // EIO
 extern const call_script interrupted_and_short;  // EINTR and pieces, none of them an error
 
 struct test_platform {
-    uid_t uid = 1000;                   // what getuid answers
-    std::vector<fibmap_answer> fibmap;  // by file block, of any file; EINVAL behind the last
+    uid_t uid = 1000;                          // what getuid answers
+    std::vector<struct fibmap_answer> fibmap;  // by file block, of any file; EINVAL behind the last
     int fibmap_calls = 0;
     // The calls that come: each takes the front of its queue; with an empty queue, as usual.
     call_script reads;

@@ -25,8 +25,8 @@ int posix_fadvise(int /* fd */, off_t offset, off_t length, int advice) noexcept
 }
 
 // `runs` runs of `length` blocks, each before the one above it on the device.
-static std::vector<fibmap_answer> map_in_runs(int runs, int length) {
-    std::vector<fibmap_answer> answers;
+static std::vector<struct fibmap_answer> map_in_runs(int runs, int length) {
+    std::vector<struct fibmap_answer> answers;
     for (int run = 0; run < runs; ++run) {
         for (int i = 0; i < length; ++i) {
             answers.push_back({1 + (runs - run) * (length + 1) + i});
@@ -36,8 +36,8 @@ static std::vector<fibmap_answer> map_in_runs(int runs, int length) {
 }
 
 // One run of 2000 blocks, of which one gets another answer.
-static std::vector<fibmap_answer> map_with(size_t index, fibmap_answer answer) {
-    std::vector<fibmap_answer> answers = map_in_runs(1, 2000);
+static std::vector<struct fibmap_answer> map_with(size_t index, struct fibmap_answer answer) {
+    std::vector<struct fibmap_answer> answers = map_in_runs(1, 2000);
     answers[index] = answer;
     return answers;
 }
@@ -45,7 +45,7 @@ static std::vector<fibmap_answer> map_with(size_t index, fibmap_answer answer) {
 DEVICE_TEST(block_look_ahead, order_and_announcements) {
     const struct {
         const char *name;
-        std::vector<fibmap_answer> map;  // up to a block without a place, or to its end
+        std::vector<struct fibmap_answer> map;  // up to a block without a place, or to its end
         int announcements;
     } rows[] = {
         {"one run: one announcement a piece", map_in_runs(1, 2000), 63},
@@ -66,7 +66,7 @@ DEVICE_TEST(block_look_ahead, order_and_announcements) {
         start_look_ahead(&ahead, 0, 0, block_size, static_cast<int32_t>(row.map.size()));
         int32_t count = 0;
         size_t placed = 0;
-        for (const fibmap_answer &answer : row.map) {
+        for (const struct fibmap_answer &answer : row.map) {
             const struct mapped_block taken = take_block(&ahead, count);
             ASSERT_EQ(answer.block, taken.block) << count;
             ASSERT_EQ(answer.error != 0, taken.result != 0) << count;

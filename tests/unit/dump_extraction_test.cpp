@@ -15,7 +15,7 @@ DEVICE_TEST(dump_extraction, space_for_the_memory) {
     const std::string data = std::string(2000, 'a') + std::string(3000, 'b');
     const struct dump_file_header file = {dump_file_header_magic, "a", data.size(), 0};
     const std::string stream = bytes_of(file) + data;
-    const size_t cut = block_length - sizeof(block_header);
+    const size_t cut = block_length - sizeof(struct block_header);
     const std::string header = bytes_of(block_header{block_header_magic, 0, 0});
     write_file_at(DEVICE_PATH, 5 * block_length,
                   header + stream.substr(cut) + std::string(cut, '\0'));

@@ -16,7 +16,7 @@
 
 static const char fstab_path[] = "/fstab.test";
 
-static fstab *load(const std::string &text) {
+static struct fstab *load(const std::string &text) {
     write_file(fstab_path, text);
     take_log();
     return fs_mgr_read_fstab(fstab_path);
@@ -43,9 +43,9 @@ TEST(fs_mgr_fstab, flags_and_mount_options) {
     set_property("ro.boot.slot_suffix", "_b");
     for (const auto &row : rows) {
         SCOPED_TRACE(row.columns);
-        fstab *table = load("dev /mnt ext4 " + row.columns + "\n");
+        struct fstab *table = load("dev /mnt ext4 " + row.columns + "\n");
         ASSERT_NE(nullptr, table);
-        const fstab_rec &rec = table->recs[0];
+        const struct fstab_rec &rec = table->recs[0];
         EXPECT_EQ(row.mount_flags, rec.mount_flags);
         EXPECT_EQ(row.fs_mgr_flags, rec.fs_mgr_flags);
         EXPECT_EQ(row.fs_mgr_flags & 0x10404, fs_mgr_is_encryptable(&rec));
@@ -56,7 +56,7 @@ TEST(fs_mgr_fstab, flags_and_mount_options) {
 }
 
 TEST(fs_mgr_fstab, values) {
-    fstab *table = load(
+    struct fstab *table = load(
         "d / ext4 ro forcefdeorfbe=footer,keydirectory=/k,verifyx=/v=1,voldmanaged=sdcard1:auto,"
         "length=-0x10,swapprio=010,max_comp_streams=0x100000002,zramsize=4294967297,"
         "reservedsize=010k,eraseblk=0x20000,eraseblk=1,logicalblk=12288,sysfs_path=/s\n"
@@ -66,7 +66,7 @@ TEST(fs_mgr_fstab, values) {
         "d / ext4 ro fileencryption=aes-256-xts:aes-256-heh,reservedsize=0x10\n");
     ASSERT_NE(nullptr, table);
     EXPECT_EQ("E [libfs_mgr]Warning: unknown flag bogus=1\n", take_log());
-    const fstab_rec &full = table->recs[0];
+    const struct fstab_rec &full = table->recs[0];
     EXPECT_EQ(0xdb103b0, full.fs_mgr_flags);
     EXPECT_STREQ("footer", full.key_loc);
     EXPECT_STREQ("/k", full.key_dir);
@@ -82,14 +82,14 @@ TEST(fs_mgr_fstab, values) {
     EXPECT_EQ(131072U, full.erase_blk_size);
     EXPECT_EQ(0U, full.logical_blk_size);
     EXPECT_STREQ("/s", full.sysfs_path);
-    const fstab_rec &other = table->recs[1];
+    const struct fstab_rec &other = table->recs[1];
     EXPECT_EQ(std::pair(2U, 3U), std::pair(other.file_contents_mode, other.file_names_mode));
     EXPECT_EQ(3, other.partnum);
     EXPECT_EQ(5368709120U, other.reserved_size);
     EXPECT_EQ(INT64_MAX, other.length);
     EXPECT_EQ(static_cast<uint32_t>(sysconf(_SC_PHYS_PAGES) * sysconf(_SC_PAGESIZE)),
               other.zram_size);
-    const fstab_rec &last = table->recs[2];
+    const struct fstab_rec &last = table->recs[2];
     EXPECT_EQ(std::pair(1U, 4U), std::pair(last.file_contents_mode, last.file_names_mode));
     EXPECT_EQ(0U, last.reserved_size);
     EXPECT_EQ(-1, last.swap_prio);
@@ -108,7 +108,7 @@ TEST(fs_mgr_fstab, sizes_that_overflow_64_bits_abort) {
 }
 
 // The device on which the map file would be.
-static const char *find_device(fstab *table) {
+static const char *find_device(struct fstab *table) {
     device_fstab = table;
     int encryptable = 0;
     int encrypted = 0;
@@ -118,13 +118,13 @@ static const char *find_device(fstab *table) {
 TEST(fs_mgr_fstab, lines) {
     // Comments, blanks, a carriage return that stays, a "#" that is data, text after the fifth
     // field, no newline at the end.
-    fstab *table = load(
+    struct fstab *table = load(
         "# comment\n \t # comment\n\n \v\f\r\n\t/dev/a  /a\t \text4 ro sysfs_path=/s\r\n"
         "/dev/b#1 /data f2fs x check # wait\n"
         "\r/dev/c /data/vendor vfat rw wait");
     ASSERT_NE(nullptr, table);
     ASSERT_EQ(3, table->num_entries);
-    const fstab_rec *recs = table->recs;
+    const struct fstab_rec *recs = table->recs;
     EXPECT_STREQ("/dev/a", recs[0].blk_device);
     EXPECT_EQ(nullptr, recs[0].fs_options);
     EXPECT_STREQ("/s\r", recs[0].sysfs_path);
@@ -155,7 +155,7 @@ TEST(fs_mgr_fstab, file_changes_between_the_passes) {
     const std::string line = "/dev/a /a ext4 ro wait\n";
     for (const auto &texts : {std::pair(line, line + line), std::pair(line + line, line)}) {
         second_text = texts.second;
-        fstab *table = load(texts.first);
+        struct fstab *table = load(texts.first);
         second_text.clear();
         ASSERT_NE(nullptr, table);
         const bool grew = texts.first == line;
