@@ -26,13 +26,13 @@ static int write_headers(int map_fd, int device_fd, int32_t n, uint64_t block_si
 
 int write_straightforward(const char *file, const char *blkdev) {
     struct stat map_stat;
-    int map_fd = open(file, O_RDONLY);
-    int device_fd = open(blkdev, O_WRONLY);
+    const int map_fd = open(file, O_RDONLY);
+    const int device_fd = open(blkdev, O_WRONLY);
     if (map_fd == -1 || device_fd == -1 || fstat(map_fd, &map_stat) == -1) {
         return -1;
     }
     fsync(map_fd);
-    int32_t n = static_cast<int32_t>(map_stat.st_size / map_stat.st_blksize);
+    const int32_t n = static_cast<int32_t>(map_stat.st_size / map_stat.st_blksize);
     if (write_headers(map_fd, device_fd, n, static_cast<uint64_t>(map_stat.st_blksize)) == -1) {
         return -1;
     }

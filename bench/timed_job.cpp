@@ -35,14 +35,14 @@ static long peak_kib() {
     if (!android::base::ReadFileToString("/proc/self/status", &status)) {
         return -1;
     }
-    size_t at = status.find("VmHWM:");
+    const size_t at = status.find("VmHWM:");
     return at == std::string::npos ? -1
                                    : strtol(status.c_str() + at + strlen("VmHWM:"), nullptr, 10);
 }
 
 static int run_test(const char *map, const char *device) {
     struct initial_block_header anchor = {};
-    int result = MISC_read_RamdumpInitHdr(&anchor);
+    const int result = MISC_read_RamdumpInitHdr(&anchor);
     return result != 0 ? result : test_block_chain(map, device, &anchor);
 }
 
@@ -64,7 +64,7 @@ static int run_job(const std::string &job, char **arguments, int count) {
     if (job == "copy" && count == 3) {
         return raw_read_blocks(map, second, arguments[2]);
     }
-    int result = job.rfind("extract", 0) == 0 ? map_to_bin_files(map, second) : -1;
+    const int result = job.rfind("extract", 0) == 0 ? map_to_bin_files(map, second) : -1;
     if (job == "extract-synced") {
         sync_dump_files();
     }
@@ -76,14 +76,14 @@ int main(int argc, char *argv[]) {
         fputs("timed_job: see the head of bench/timed_job.cpp\n", stderr);
         return 2;
     }
-    std::string job = argv[1];
+    const std::string job = argv[1];
     // The new dump directory, and the old one's removal, are no part of the time.
     if (job.rfind("extract", 0) == 0 && config_ramdump_path() != 0) {
         return 1;
     }
-    auto start = std::chrono::steady_clock::now();
-    int result = run_job(job, argv + 2, argc - 2);
-    std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+    const auto start = std::chrono::steady_clock::now();
+    const int result = run_job(job, argv + 2, argc - 2);
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
     printf("{\"seconds\": %.6f, \"peak_kib\": %ld}\n", seconds.count(), peak_kib());
     return result == 0 ? 0 : 1;
 }

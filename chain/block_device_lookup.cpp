@@ -8,7 +8,7 @@
 struct fstab *device_fstab;
 
 static bool is_mounted_under(const char *path, const char *mount_point) {
-    size_t length = strlen(mount_point);
+    const size_t length = strlen(mount_point);
     return strncmp(path, mount_point, length) == 0 && (path[length] == '/' || path[length] == '\0');
 }
 

@@ -30,8 +30,8 @@ static void announce_run(struct block_look_ahead *ahead) {
 }
 
 static void add_to_run(struct block_look_ahead *ahead, int block) {
-    bool continues = ahead->run_length > 0 && ahead->run_length < look_ahead_piece &&
-                     block - ahead->run_length == ahead->run_start;
+    const bool continues = ahead->run_length > 0 && ahead->run_length < look_ahead_piece &&
+                           block - ahead->run_length == ahead->run_start;
     if (!continues) {
         announce_run(ahead);
         ahead->run_start = block;

@@ -31,22 +31,23 @@ int raw_read_blocks(const char *file, const char *blkdev, const char *outfile) {
         log_error("failed to stat %s: %s\n", file, strerror(errno));
         return -1;
     }
-    int32_t block_size = static_cast<int32_t>(map_stat.st_blksize);
-    uint32_t n = static_cast<uint32_t>(static_cast<int64_t>(map_stat.st_size) / block_size);
-    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[static_cast<size_t>(block_size)]);
+    const int32_t block_size = static_cast<int32_t>(map_stat.st_blksize);
+    const uint32_t n = static_cast<uint32_t>(static_cast<int64_t>(map_stat.st_size) / block_size);
+    const size_t buffer_size = static_cast<size_t>(block_size);
+    const std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[buffer_size]);
     if (buffer == nullptr) {
         log_error("failed to allocate block buffer\n");
         return -1;
     }
 
     // The failures up to the copy leave the descriptors to the end of the run, which is next.
-    int map_fd = open(file, O_RDONLY);
+    const int map_fd = open(file, O_RDONLY);
     if (map_fd == -1) {
         log_error("failed to open infile:%s for reading: %s\n", file, strerror(errno));
         return -1;
     }
     fsync(map_fd);
-    int device_fd = open(blkdev, O_RDONLY | O_SYNC);
+    const int device_fd = open(blkdev, O_RDONLY | O_SYNC);
     if (device_fd == -1) {
         log_error("failed to open blk_dev:%s for reading: %s\n", blkdev, strerror(errno));
         return -1;
@@ -59,7 +60,7 @@ int raw_read_blocks(const char *file, const char *blkdev, const char *outfile) {
         log_error("failed to get vfs stats: %s\n", strerror(errno));
         return -ENOENT;
     }
-    unsigned long avail = file_system.f_bavail;
+    const unsigned long avail = file_system.f_bavail;
     log_info("%s: %lu avail, %u blocks needed\n", __func__, avail, n);
     // Inverted as it looks; the direction is this tool's own, and is kept.
     if (avail > n) {
@@ -67,14 +68,14 @@ int raw_read_blocks(const char *file, const char *blkdev, const char *outfile) {
                   __func__, avail, n);
         return -ESRCH;
     }
-    int out_fd = open(outfile, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    const int out_fd = open(outfile, O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (out_fd == -1) {
         log_error("failed to open outfile:%s for writing: %s\n", outfile, strerror(errno));
         return -1;
     }
     log_info("Opened %s for writing\n", outfile);
 
-    int result = copy_blocks(map_fd, device_fd, out_fd, n, buffer.get(), block_size);
+    const int result = copy_blocks(map_fd, device_fd, out_fd, n, buffer.get(), block_size);
     close(map_fd);
     close(device_fd);
     fsync(out_fd);

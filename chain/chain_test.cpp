@@ -40,7 +40,7 @@ static int walk_chain(int device_fd, uint64_t block_size, uint32_t first_block) 
     bool mismatch = false;
     for (;;) {
         struct block_header header;
-        int result = read_header(device_fd, block, block_size, &header);
+        const int result = read_header(device_fd, block, block_size, &header);
         if (result != 0) {
             return result;
         }
@@ -49,7 +49,8 @@ static int walk_chain(int device_fd, uint64_t block_size, uint32_t first_block) 
                      block_header_magic, header.next_block, header.crc32);
         }
         // Continued from the computed value, so that one damaged CRC is one mismatch.
-        uint32_t computed = advance_chain_crc(static_cast<uint64_t>(block), header.next_block);
+        const uint32_t computed =
+            advance_chain_crc(static_cast<uint64_t>(block), header.next_block);
         if (!mismatch && header.crc32 != computed) {
             log_error("CRC32 mismatch at block %lx, got %08x, expecting %08x\n",
                       static_cast<unsigned long>(block), header.crc32, computed);
@@ -70,7 +71,7 @@ static int walk_chain(int device_fd, uint64_t block_size, uint32_t first_block) 
 
 int test_block_chain(const char *path, const char *blkdev,
                      const struct initial_block_header *anchor) {
-    int map_fd = open(path, O_RDONLY | O_SYNC);
+    const int map_fd = open(path, O_RDONLY | O_SYNC);
     if (map_fd == -1) {
         log_error("failed to open %s for reading: %s\n", path, strerror(errno));
         return -1;
@@ -93,7 +94,7 @@ int test_block_chain(const char *path, const char *blkdev,
         return -1;
     }
     log_info(" block size: %ld bytes\n", static_cast<long>(device_stat.st_blksize));
-    int device_fd = open(blkdev, O_RDONLY | O_SYNC);
+    const int device_fd = open(blkdev, O_RDONLY | O_SYNC);
     if (device_fd == -1) {
         log_error("failed to open blk_dev:%s for reading: %s\n", blkdev, strerror(errno));
         return -1;

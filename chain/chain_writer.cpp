@@ -47,7 +47,7 @@ static int write_headers(struct block_look_ahead *blocks, int32_t n, int first_b
         if (i % blocks_per_progress_line == 0 && show_progress != 0) {
             log_info("%d/%d\n", i, n);
         }
-        struct mapped_block mapped = take_block(blocks, i);
+        const struct mapped_block mapped = take_block(blocks, i);
         // Before the result: a hole may come with either.
         if (mapped.block == 0) {
             log_error("refusing to write to block 0\n");
@@ -70,8 +70,8 @@ int raw_write_blocks(const char *file, const char *blkdev) {
         log_error("failed to stat %s\n", file);
         return -1;
     }
-    int32_t block_size = static_cast<int32_t>(map_stat.st_blksize);
-    int32_t n = static_cast<int32_t>(static_cast<int64_t>(map_stat.st_size) / block_size);
+    const int32_t block_size = static_cast<int32_t>(map_stat.st_blksize);
+    const int32_t n = static_cast<int32_t>(static_cast<int64_t>(map_stat.st_size) / block_size);
     log_info(" block size: %ld bytes\n", static_cast<long>(block_size));
     log_info(" file size: %lld bytes, %d full blocks available\n",
              static_cast<long long>(map_stat.st_size), n);
@@ -81,14 +81,14 @@ int raw_write_blocks(const char *file, const char *blkdev) {
     }
 
     // The failures from here on leave the descriptors to the end of the run, which is next.
-    int map_fd = open(file, O_RDONLY);
+    const int map_fd = open(file, O_RDONLY);
     if (map_fd == -1) {
         log_error("failed to open fd for reading: %s\n", strerror(errno));
         return -1;
     }
     // Every block must have its place before it is asked for.
     fsync(map_fd);
-    int device_fd = open(blkdev, O_WRONLY);
+    const int device_fd = open(blkdev, O_WRONLY);
     if (device_fd == -1) {
         log_error("failed to open blk_dev for writing: %s\n", strerror(errno));
         return -1;
@@ -98,7 +98,7 @@ int raw_write_blocks(const char *file, const char *blkdev) {
     // Block 0 has its header also where the count, of 8 TiB or more, is negative in 32 bits.
     struct block_look_ahead blocks;
     start_look_ahead(&blocks, map_fd, device_fd, static_cast<uint64_t>(block_size), std::max(n, 1));
-    struct mapped_block first = take_block(&blocks, 0);
+    const struct mapped_block first = take_block(&blocks, 0);
     if (first.result != 0) {
         log_error("failed to find block 0\n");
         return -1;

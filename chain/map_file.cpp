@@ -37,7 +37,7 @@ uint64_t get_directory_available_space(const char * /* path */) {
 // Writes `size` bytes of 0xFF. Every block has to be written, since only then does the file system
 // give it the place that the chain refers to.
 static int fill_file(int fd, const uint8_t *chunk, uint64_t size) {
-    int count = static_cast<int>(size / chunk_size);
+    const int count = static_cast<int>(size / chunk_size);
     for (int i = 0; i < count; ++i) {
         if (show_progress == 1 && i % chunks_per_progress_line == 0) {
             log_info("%d/%d\n", i, count);
@@ -57,7 +57,7 @@ static int fill_file(int fd, const uint8_t *chunk, uint64_t size) {
 
 int create_file(const char *path, uint64_t size) {
     // Before the open: what an old map file of this name still holds counts as used.
-    uint64_t available = get_directory_available_space(path);
+    const uint64_t available = get_directory_available_space(path);
     if (available < size) {
         log_error(
             "%s: Not enough space available to create ramdump file: %s, avail space: %lu, "
@@ -66,12 +66,12 @@ int create_file(const char *path, uint64_t size) {
         return -1;
     }
     // The failures from here on leave the descriptor to the end of the run, which is next.
-    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0660);
+    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0660);
     if (fd == -1) {
         log_error("failed to open file:%s for writing: %s\n", path, strerror(errno));
         return -1;
     }
-    std::unique_ptr<uint8_t[]> chunk(new (std::nothrow) uint8_t[chunk_size]);
+    const std::unique_ptr<uint8_t[]> chunk(new (std::nothrow) uint8_t[chunk_size]);
     if (chunk == nullptr) {
         log_error("failed to allocate block buffer\n");
         return -1;

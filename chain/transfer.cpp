@@ -12,7 +12,7 @@
 int read_retry(int fd, void *buffer, size_t length) {
     size_t done = 0;
     while (done < length) {
-        ssize_t count = read(fd, static_cast<char *>(buffer) + done, length - done);
+        const ssize_t count = read(fd, static_cast<char *>(buffer) + done, length - done);
         if (count == -1) {
             if (errno == EINTR) {
                 continue;
@@ -28,7 +28,7 @@ int read_retry(int fd, void *buffer, size_t length) {
 int write_retry(int fd, const void *buffer, size_t length) {
     size_t done = 0;
     while (done < length) {
-        ssize_t count = write(fd, static_cast<const char *>(buffer) + done, length - done);
+        const ssize_t count = write(fd, static_cast<const char *>(buffer) + done, length - done);
         if (count == -1) {
             if (errno == EINTR) {
                 continue;

@@ -11,7 +11,7 @@ bool read_ddr_size(uint64_t *bytes) {
     if (property_get("ro.boot.ddrsize", value, nullptr) == 0) {
         return false;
     }
-    uint64_t digit = static_cast<uint64_t>(static_cast<uint8_t>(value[0])) - '0';
+    const uint64_t digit = static_cast<uint64_t>(static_cast<uint8_t>(value[0])) - '0';
     *bytes = digit * gib + (strncmp(value + 1, ".5", 2) == 0 ? gib / 2 : 0);
     return true;
 }

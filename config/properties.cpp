@@ -64,7 +64,7 @@ static bool is_masked(const char *key) {
 }
 
 int property_get(const char *key, char *value, const char *default_value) {
-    int len = __system_property_get(key, value);
+    const int len = __system_property_get(key, value);
     if (is_masked(key)) {
         static const char masked_value[] = "unknown";
         memcpy(value, masked_value, sizeof(masked_value));
@@ -73,7 +73,7 @@ int property_get(const char *key, char *value, const char *default_value) {
     if (default_value == nullptr || len > 0) {
         return len;
     }
-    size_t default_length = strnlen(default_value, property_value_max - 1);
+    const size_t default_length = strnlen(default_value, property_value_max - 1);
     memcpy(value, default_value, default_length);
     value[default_length] = '\0';
     return static_cast<int>(default_length);

@@ -90,7 +90,7 @@ static int prepare_map_file(struct run_state *run) {
     }
     log_error("no valid map file is found (magic: 0x%x): %s, start create\n", run->anchor.magic,
               path);
-    int status = create_file(path, run->options.map_size);
+    const int status = create_file(path, run->options.map_size);
     if (status < 0) {
         log_error("create_file failed\n");
         return status;
@@ -213,7 +213,7 @@ int main(int argc, char *argv[]) {
             return status;
         }
     }
-    int failure = find_device(&run);
+    const int failure = find_device(&run);
     if (failure != 0) {
         return failure;
     }

@@ -70,7 +70,7 @@ int parse_options(int argc, char *argv[], struct run_options *options) {
     *options = {};
     int option = -1;
     while ((option = getopt(argc, argv, "r:c:i:a:stp")) != -1) {
-        int result = parse_option(option, options);
+        const int result = parse_option(option, options);
         if (result != 0) {
             help(argv);
             return result;

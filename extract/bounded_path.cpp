@@ -16,7 +16,7 @@ void format_path(char *path, size_t size, const char *format, ...) {
 
 void copy_directory_path(char *copy, const char *path) {
     format_path(copy, working_path_size, "%s", path);
-    size_t length = strlen(copy);
+    const size_t length = strlen(copy);
     if (length > 0 && copy[length - 1] == '/') {
         copy[length - 1] = '\0';
     }

@@ -50,8 +50,8 @@ static int filter(const struct dirent *entry) {
 
 // By number, since 100 comes after 99.
 static int comparefun(const struct dirent **a, const struct dirent **b) {
-    int first = atoi((*a)->d_name);
-    int second = atoi((*b)->d_name);
+    const int first = atoi((*a)->d_name);
+    const int second = atoi((*b)->d_name);
     if (first == second) {
         return 0;
     }
@@ -102,10 +102,10 @@ static void remove_dump_directory(const char *path) {
 
 int config_ramdump_path() {
     _mkdir(BASE_DIRECTORY);
-    int max_dump_dirs = get_directory_total_space(BASE_DIRECTORY) > two_dumps_above ? 2 : 1;
+    const int max_dump_dirs = get_directory_total_space(BASE_DIRECTORY) > two_dumps_above ? 2 : 1;
 
     struct dirent **entries = nullptr;
-    int n = scandir(BASE_DIRECTORY, &entries, filter, comparefun);
+    const int n = scandir(BASE_DIRECTORY, &entries, filter, comparefun);
     if (n < 0) {
         log_info("scandir failed: %s\n", strerror(errno));
         return -1;

@@ -107,7 +107,7 @@ void sync_dump_files() {
         (void)fflush(output);
     }
     // The whole file system: the files, their directory and the directories above it.
-    int fd = open(ramdump_path, O_RDONLY | O_DIRECTORY);
+    const int fd = open(ramdump_path, O_RDONLY | O_DIRECTORY);
     if (fd != -1) {
         (void)syncfs(fd);
         close(fd);

@@ -25,7 +25,7 @@ static uint64_t required_space() {
 }
 
 static bool has_space(const char *map_path) {
-    uint64_t available = get_directory_available_space("/data/vendor");
+    const uint64_t available = get_directory_available_space("/data/vendor");
     if (available >= required_space()) {
         return true;
     }
@@ -51,7 +51,7 @@ static int parse_blocks(int map_fd, int device_fd, uint32_t n, uint8_t *buffer,
             // A block outside the chain ends the dump.
             return 0;
         }
-        int64_t payload_size = block_size - static_cast<int64_t>(sizeof(header));
+        const int64_t payload_size = block_size - static_cast<int64_t>(sizeof(header));
         memmove(buffer, buffer + sizeof(header), static_cast<size_t>(payload_size));
         if (process_data(buffer, payload_size) < 0) {
             // What was found so far is worth keeping: an end of the dump, not a failure.
@@ -68,19 +68,20 @@ int map_to_bin_files(const char *map_path, const char *blkdev) {
         return -1;
     }
     // The chain was built in blocks of the same size: it is the same file.
-    int32_t block_size = static_cast<int32_t>(map_stat.st_blksize);
-    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[static_cast<size_t>(block_size)]);
+    const int32_t block_size = static_cast<int32_t>(map_stat.st_blksize);
+    const size_t buffer_size = static_cast<size_t>(block_size);
+    const std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[buffer_size]);
     if (buffer == nullptr) {
         log_error("failed to allocate block buffer\n");
         return -1;
     }
-    int map_fd = open(map_path, O_RDONLY);
+    const int map_fd = open(map_path, O_RDONLY);
     if (map_fd == -1) {
         log_error("failed to open infile:%s for reading: %s\n", map_path, strerror(errno));
         return -1;
     }
     (void)fsync(map_fd);
-    int device_fd = open(blkdev, O_RDONLY | O_SYNC);
+    const int device_fd = open(blkdev, O_RDONLY | O_SYNC);
     if (device_fd == -1) {
         log_error("failed to open blk_dev:%s for reading: %s\n", blkdev, strerror(errno));
         close(map_fd);
@@ -90,7 +91,8 @@ int map_to_bin_files(const char *map_path, const char *blkdev) {
 
     int result = -1;
     if (has_space(map_path)) {
-        uint32_t n = static_cast<uint32_t>(static_cast<int64_t>(map_stat.st_size) / block_size);
+        const uint32_t n =
+            static_cast<uint32_t>(static_cast<int64_t>(map_stat.st_size) / block_size);
         result = parse_blocks(map_fd, device_fd, n, buffer.get(), block_size);
     }
     close(device_fd);

@@ -35,7 +35,7 @@ int __system_property_get(const char *name, char *value) {
         content.clear();
     }
     // A NUL ends a value, as it would on the device.
-    size_t length = strnlen(content.c_str(), content.size());
+    const size_t length = strnlen(content.c_str(), content.size());
     memcpy(value, content.c_str(), length);
     value[length] = '\0';
     return static_cast<int>(length);
@@ -44,9 +44,9 @@ int __system_property_get(const char *name, char *value) {
 // Writes all of `value` to a new file, on flash before it takes the property's name: a reader, and
 // a run after a power cut, see the old value or the new one.
 static bool store_value(const char *name, const char *value) {
-    std::string directory = property_directory();
+    const std::string directory = property_directory();
     std::string temporary = directory + "/.XXXXXX";
-    int fd = mkostemp(&temporary[0], O_CLOEXEC);
+    const int fd = mkostemp(&temporary[0], O_CLOEXEC);
     if (fd == -1) {
         return false;
     }

@@ -137,7 +137,7 @@ static struct PartitionInfo row_at(size_t which, int index) {
 // open of the run tries the alternatives in turn, and the last one tried stays the choice even when
 // it fails; every later open tries just that one.
 static const char *open_partition(const struct item_partition &partition) {
-    bool first_open = partition_path_choice == 0;
+    const bool first_open = partition_path_choice == 0;
     if (first_open) {
         partition_path_choice = 1;
     }
@@ -158,14 +158,14 @@ int mfg_open(int mfg_item, uint32_t *offset, uint32_t *length) {
         close_partition();
         return -1;
     }
-    size_t which = partition_of_item(mfg_item);
-    int index = mfg_item - item_partitions[which].first_item;
+    const size_t which = partition_of_item(mfg_item);
+    const int index = mfg_item - item_partitions[which].first_item;
     const char *path = open_partition(item_partitions[which]);
     if (partition_stream == nullptr) {
         printf("Error: %s open failed.\n", path);
         return -1;
     }
-    struct PartitionInfo row = row_at(which, index);
+    const struct PartitionInfo row = row_at(which, index);
     if (row.id != mfg_item) {
         printf("ID is not correct: mfg_item=%d, index=%d, id=%d\n", mfg_item, index, row.id);
         close_partition();

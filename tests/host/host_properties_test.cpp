@@ -21,7 +21,7 @@ __attribute__((constructor(101))) static void name_the_store() {
 
 static std::string get(const char *name) {
     char value[PROP_VALUE_MAX];
-    int length = __system_property_get(name, value);
+    const int length = __system_property_get(name, value);
     EXPECT_EQ(static_cast<int>(strlen(value)), length) << name;
     return value;
 }

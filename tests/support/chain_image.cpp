@@ -11,7 +11,7 @@ std::vector<std::string> chain_headers(uint32_t seed, const std::vector<uint32_t
     std::vector<std::string> headers;
     unsigned long crc = seed;
     for (size_t i = 0; i < blocks.size(); ++i) {
-        uint32_t next = i + 1 < blocks.size() ? blocks[i + 1] : 0;
+        const uint32_t next = i + 1 < blocks.size() ? blocks[i + 1] : 0;
         const uint64_t link[2] = {blocks[i], next};
         crc = crc32(crc, reinterpret_cast<const Bytef *>(link), sizeof(link));
         headers.push_back(

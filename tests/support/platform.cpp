@@ -22,13 +22,13 @@ const call_script interrupted_and_short = {{EINTR}, {0, 5}, {0, 0}, {EINTR}, {EI
 
 void in_own_process(const std::string &row, const std::function<void()> &body) {
     fflush(nullptr);
-    pid_t child = fork();
+    const pid_t child = fork();
     if (child == 0) {
         SCOPED_TRACE(row);
         // Failures of the rows before this one are counted in the child too.
         const testing::TestResult *result =
             testing::UnitTest::GetInstance()->current_test_info()->result();
-        int failures_before = result->total_part_count();
+        const int failures_before = result->total_part_count();
         body();
         fflush(nullptr);
         _exit(result->total_part_count() > failures_before ? 1 : 0);

@@ -12,8 +12,8 @@
 #define BASE "/data/vendor/ramdump/apq"
 
 DEVICE_TEST(dump_directory, rotation) {
-    const char *const at_32_gib = "size=34359738368";
-    const char *const above_32_gib = "size=34359742464";
+    const char *at_32_gib = "size=34359738368";
+    const char *above_32_gib = "size=34359742464";
     const struct {
         const char *name;
         const char *size;

@@ -67,7 +67,7 @@ DEVICE_TEST(partition_items, refusals) {
     }
     char bytes[5] = "kept";
     // An index past a table's end meets the next tables' rows, and behind them nothing.
-    for (int item : {0, 302, 24, 55, 100, 131, 211, 300}) {
+    for (const int item : {0, 302, 24, 55, 100, 131, 211, 300}) {
         EXPECT_EQ(-EIO, mfg_emmc_read(item, bytes, 0)) << item;
         EXPECT_EQ(-EIO, mfg_emmc_write(item, bytes, 0)) << item;
     }
@@ -96,7 +96,7 @@ TEST(partition_items, first_open_fixes_the_directory) {
             for (const char *node : row.nodes) {
                 write_file(node, "");
             }
-            for (int item : row.asked) {
+            for (const int item : row.asked) {
                 char buffer[2048];
                 EXPECT_EQ(item < 0 ? -EIO : 0, mfg_emmc_read(abs(item), buffer, 0)) << item;
             }
