@@ -15,8 +15,8 @@
 #include <chrono>
 
 #include "bootside/chain_walk.h"
-#include "chain/block_header.h"
-#include "chain/initial_block_header.h"
+#include "chain/format/block_header.h"
+#include "chain/format/initial_block_header.h"
 #include "tools/disk_image.h"
 
 static const uint32_t block_length = 4096;
@@ -46,8 +46,7 @@ static void require(bool done, const struct disk_image &image) {
 // Blocks 1 to n as one chain, with the anchor; the plain writing wipes the headers each round.
 static void build_chain(struct disk_image *image, uint32_t n) {
     const struct bootside_port &port = image->port;
-    const struct initial_block_header anchor = {
-        initial_block_header_magic, 1, block_length, n, seed, initial_block_header_ready};
+    const struct initial_block_header anchor = fresh_initial_block_header(1, block_length, n, seed);
     bool done =
         port.write_misc(image, initial_block_header_misc_offset, &anchor, sizeof(anchor)) == 0;
     uint32_t crc = seed;

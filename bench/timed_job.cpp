@@ -19,10 +19,10 @@
 #include <string>
 
 #include "bench/straightforward_writer.h"
+#include "chain/chain_integrity.h"
 #include "chain/chain_reader.h"
-#include "chain/chain_test.h"
 #include "chain/chain_writer.h"
-#include "chain/initial_block_header.h"
+#include "chain/format/initial_block_header.h"
 #include "chain/map_file.h"
 #include "extract/dump_directory.h"
 #include "extract/dump_stream.h"

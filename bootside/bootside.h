@@ -20,9 +20,6 @@
 extern "C" {
 #endif
 
-// Blocks of a chain are a power of two bytes in this range; file systems use 4096.
-enum { bootside_min_block_length = 512, bootside_max_block_length = 1048576 };
-
 enum bootside_result {
     bootside_ok = 0,
     // The port.

@@ -36,7 +36,8 @@ uint64_t bootside_need(const struct bootside *boot, const uint64_t *sizes, size_
     const uint64_t limit = UINT64_MAX / 2;
     uint64_t stream = 0;
     for (size_t i = 0; i < count; ++i) {
-        stream = header_place(boot, stream) + sizeof(struct dump_file_header);
+        stream =
+            dump_file_header_place(stream, block_payload(boot)) + sizeof(struct dump_file_header);
         if (stream > limit || sizes[i] > limit - stream) {
             return UINT64_MAX;
         }

@@ -1,10 +1,8 @@
 #include "bootside/chain_walk.h"
 
-#include "chain/block_header.h"
-#include "chain/initial_block_header.h"
-
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
-              "the records are on disk as they lie in memory");
+#include "chain/format/block_header.h"
+#include "chain/format/chain_link.h"
+#include "chain/format/initial_block_header.h"
 
 enum bootside_result chain_walk_fault(struct bootside_walk *walk, enum bootside_result result,
                                       uint64_t offset, uint32_t expected, uint32_t found) {
@@ -25,18 +23,17 @@ static uint64_t byte_offset(const struct bootside_walk *walk, uint32_t field) {
 
 uint32_t chain_walk_crc(const struct bootside_port *port, uint32_t crc, uint32_t block,
                         uint32_t next) {
-    const uint64_t link[2] = {block, next};
-    return port->crc32(port->user, crc, link, sizeof(link));
+    const struct chain_link link = {block, next};
+    return port->crc32(port->user, crc, &link, sizeof(link));
 }
 
 // The geometry that the anchor claims, against what the partition can hold and the buffer takes.
 static enum bootside_result check_geometry(struct bootside_walk *walk) {
     const uint32_t length = walk->block_length;
-    if (length < bootside_min_block_length || length > bootside_max_block_length ||
-        (length & (length - 1)) != 0) {
+    if (!is_block_length(length)) {
         return anchor_fault(walk, bootside_bad_block_length,
                             offsetof(struct initial_block_header, block_length),
-                            bootside_min_block_length, length);
+                            initial_block_header_min_block_length, length);
     }
     // Block numbers stay below 2^31: that is as far as a file system's answers go.
     const uint64_t blocks = walk->port->data_size / length;
@@ -77,7 +74,7 @@ enum bootside_result chain_walk_start(struct bootside_walk *walk,
     walk->seed = anchor.crc32;
     walk->flags = anchor.flags;
     walk->block = anchor.first_block;
-    if (anchor.magic != initial_block_header_magic) {
+    if (!is_initial_block_header(&anchor)) {
         return anchor_fault(walk, bootside_no_anchor, offsetof(struct initial_block_header, magic),
                             initial_block_header_magic, anchor.magic);
     }

@@ -6,9 +6,7 @@
 #include "bootside/chain_walk.h"
 #include "bootside/dump_state.h"
 #include "bootside/run_table.h"
-#include "chain/initial_block_header.h"
-
-static const uint32_t longest_name = sizeof(dump_file_header::name) - 1;
+#include "chain/format/initial_block_header.h"
 
 // After a failed transfer nobody knows what stands on the medium; the flag is out of reach from
 // here.
@@ -101,7 +99,7 @@ static enum bootside_result stage_stretch(struct bootside *boot) {
 static enum bootside_result write_stretch(struct bootside *boot, uint32_t blocks) {
     struct bootside_walk *walk = &boot->walk;
     const struct bootside_port *port = walk->port;
-    if ((walk->flags & initial_block_header_dump_flag) != 0) {
+    if (is_dump_pending(walk->flags)) {
         const enum bootside_result result =
             write_flags(boot, walk->flags & ~initial_block_header_dump_flag);
         if (result != bootside_ok) {
@@ -166,7 +164,7 @@ enum bootside_result bootside_begin_dump(struct bootside *boot, int replace) {
     if (boot->state != dump_state_opened && boot->state != dump_state_writing) {
         return bootside_out_of_order;
     }
-    if ((boot->walk.flags & initial_block_header_dump_flag) != 0 && replace == 0) {
+    if (is_dump_pending(boot->walk.flags) && replace == 0) {
         return bootside_dump_pending;
     }
     chain_walk_rewind(&boot->walk);
@@ -184,7 +182,7 @@ enum bootside_result bootside_begin_dump(struct bootside *boot, int replace) {
 enum bootside_result bootside_check_file(const char *name, uint64_t size) {
     uint32_t length = 0;
     for (; name[length] != 0; ++length) {
-        if (length == longest_name) {
+        if (length == dump_file_longest_name) {
             return bootside_name_too_long;
         }
         if (name[length] == '/') {
@@ -216,7 +214,7 @@ enum bootside_result bootside_begin_file(struct bootside *boot, const char *name
     for (uint32_t i = 0; name[i] != 0; ++i) {
         header.name[i] = name[i];
     }
-    const uint64_t place = header_place(boot, boot->stream);
+    const uint64_t place = dump_file_header_place(boot->stream, block_payload(boot));
     const uint64_t data = place + sizeof(header);
     const uint64_t capacity = bootside_capacity(boot);
     if (data > capacity || size > capacity - data) {
@@ -246,7 +244,7 @@ enum bootside_result bootside_write(struct bootside *boot, const void *data, siz
 // there, whatever an older dump has left behind it. A full chain has no such place and needs none.
 static enum bootside_result mark_end(struct bootside *boot) {
     const uint32_t payload = block_payload(boot);
-    const uint64_t place = header_place(boot, boot->stream);
+    const uint64_t place = dump_file_header_place(boot->stream, block_payload(boot));
     const uint64_t block_end = (place / payload + 1) * payload;
     const uint64_t capacity = bootside_capacity(boot);
     return put(boot, nullptr, (block_end < capacity ? block_end : capacity) - boot->stream);

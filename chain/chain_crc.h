@@ -9,8 +9,7 @@
 extern uint32_t chain_crc;
 
 // Advances chain_crc over one link, from `block` to `next` (0 after the last block), and returns
-// it: zlib's crc32 (IEEE 802.3), continued over both numbers as 64-bit little-endian. It covers
-// the links only, so a dump in the payloads leaves every header valid.
+// it: zlib's crc32, continued over the bytes that chain/format/chain_link.h gives a link.
 uint32_t advance_chain_crc(uint64_t block, uint64_t next);
 
 #endif

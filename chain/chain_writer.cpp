@@ -8,11 +8,11 @@
 
 #include <algorithm>
 
-#include "chain/block_header.h"
+#include "chain/anchor_printout.h"
 #include "chain/block_look_ahead.h"
 #include "chain/block_map.h"
 #include "chain/chain_crc.h"
-#include "chain/initial_block_header.h"
+#include "chain/format/block_header.h"
 #include "chain/progress.h"
 #include "chain/transfer.h"
 #include "config/log.h"
@@ -107,13 +107,9 @@ int raw_write_blocks(const char *file, const char *blkdev) {
         log_error("refusing to write to block 0\n");
         return -1;
     }
-    struct initial_block_header anchor;
-    anchor.magic = initial_block_header_magic;
-    anchor.first_block = static_cast<uint32_t>(first.block);
-    anchor.block_length = static_cast<uint32_t>(block_size);
-    anchor.n_blocks = static_cast<uint32_t>(n);
-    anchor.crc32 = chain_crc;
-    anchor.flags = initial_block_header_ready;
+    const struct initial_block_header anchor = fresh_initial_block_header(
+        static_cast<uint32_t>(first.block), static_cast<uint32_t>(block_size),
+        static_cast<uint32_t>(n), chain_crc);
 
     if (write_headers(&blocks, n, first.block) == -1) {
         return -1;

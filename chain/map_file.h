@@ -10,8 +10,4 @@
 // the check for room leaves what was written, and nothing of an old file: size 0 empties it too.
 int create_file(const char *path, uint64_t size);
 
-// Free bytes, for an unprivileged user, of the file system that holds /data/vendor; 0 when it
-// cannot tell. `path` is ignored.
-uint64_t get_directory_available_space(const char *path);
-
 #endif

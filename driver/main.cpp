@@ -9,10 +9,10 @@
 
 #include "chain/block_device_lookup.h"
 #include "chain/chain_crc.h"
+#include "chain/chain_integrity.h"
 #include "chain/chain_reader.h"
-#include "chain/chain_test.h"
 #include "chain/chain_writer.h"
-#include "chain/initial_block_header.h"
+#include "chain/format/initial_block_header.h"
 #include "chain/map_file.h"
 #include "config/log.h"
 #include "config/properties.h"
@@ -83,7 +83,7 @@ static void clear_anchor() {
 // cannot be made.
 static int prepare_map_file(struct run_state *run) {
     const char *path = run->options.map_path;
-    if (can_be_read(path) && run->anchor.magic == initial_block_header_magic) {
+    if (can_be_read(path) && is_initial_block_header(&run->anchor)) {
         log_error("valid map file exists: %s\n", path);
         run->map_valid = true;
         return 0;
@@ -143,7 +143,7 @@ static int find_device(struct run_state *run) {
 
 // Turns a pending dump into files and clears its flag, so that it is extracted once.
 static int extract_dump(struct run_state *run) {
-    if ((run->anchor.flags & initial_block_header_dump_flag) == 0) {
+    if (!is_dump_pending(run->anchor.flags)) {
         log_error("%s: No ramdump for reading (flag = 0x%x)\n", "main", run->anchor.flags);
         return 0;
     }

@@ -1,4 +1,4 @@
-// Paths in buffers of fixed size, and the walk over one directory that goes with them.
+// Paths in buffers of fixed size.
 #ifndef TARNIX_EXTRACT_BOUNDED_PATH_H
 #define TARNIX_EXTRACT_BOUNDED_PATH_H
 
@@ -13,11 +13,5 @@ void format_path(char *path, size_t size, const char *format, ...)
 
 // Copies `path` into a buffer of working_path_size bytes, without a "/" at its end.
 void copy_directory_path(char *copy, const char *path);
-
-// Calls `visit` with the path of each entry of the directory `path`, in the order of readdir, "."
-// and ".." included, and logs the directory, or that it cannot be opened, under the name `caller`.
-// `visit` is given the path and, within it, the entry's own name.
-void visit_directory(const char *caller, const char *path,
-                     void (*visit)(const char *entry_path, const char *name));
 
 #endif

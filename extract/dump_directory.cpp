@@ -12,6 +12,7 @@
 
 #include "config/log.h"
 #include "extract/bounded_path.h"
+#include "extract/directory_walk.h"
 #include "extract/permissions.h"
 
 #define BASE_DIRECTORY "/data/vendor/ramdump/apq/"

@@ -7,10 +7,10 @@
 
 #include <algorithm>
 
+#include "chain/format/dump_layout.h"
 #include "config/log.h"
 #include "extract/bounded_path.h"
 #include "extract/dump_directory.h"
-#include "extract/dump_file_header.h"
 
 // The parser's state, from one block's payload to the next.
 static bool in_file;                    // the data of a file is being copied
@@ -44,15 +44,10 @@ static int write_file_data(const uint8_t *data, uint64_t count) {
     return 0;
 }
 
-// Bytes from the name to the header's end: a name that has no NUL in its field runs on through the
-// rest of the header, and ends there at the latest.
-static const size_t name_limit =
-    sizeof(struct dump_file_header) - offsetof(struct dump_file_header, name);
-
 static int begin_file(const uint8_t *data) {
     memcpy(&header, data, sizeof(header));
-    char name[name_limit + 1] = {};
-    memcpy(name, data + offsetof(struct dump_file_header, name), name_limit);
+    char name[dump_file_longest_name_found + 1] = {};
+    memcpy(name, data + offsetof(struct dump_file_header, name), dump_file_longest_name_found);
     // Before the magic is checked, so that the last such line shows the bytes that ended the dump.
     log_error("Found file '%s', size %llu\n", name, static_cast<unsigned long long>(header.size));
     if (header.magic != dump_file_header_magic &&
@@ -62,7 +57,7 @@ static int begin_file(const uint8_t *data) {
     remaining = header.size;
     in_file = true;
 
-    char path[64];
+    char path[dump_file_longest_path + 1];
     format_path(path, sizeof(path), "%s%s", ramdump_path, name);
     log_error("full path: %s\n", path);
     output = fopen(path, "wb");
@@ -86,8 +81,8 @@ int64_t process_data(uint8_t *data, int64_t len) {
                 return -1;
             }
         } else {
-            if (left < sizeof(header)) {
-                // Padding: a header never crosses the end of a block.
+            if (!dump_file_header_fits(left)) {
+                // Padding.
                 remaining = 0;
                 return 0;
             }

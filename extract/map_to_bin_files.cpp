@@ -10,9 +10,9 @@
 #include <memory>
 #include <new>
 
-#include "chain/block_header.h"
+#include "chain/available_space.h"
 #include "chain/block_map.h"
-#include "chain/map_file.h"
+#include "chain/format/dump_layout.h"
 #include "config/ddr_size.h"
 #include "config/log.h"
 #include "extract/dump_stream.h"

@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include "config/log.h"
-#include "extract/bounded_path.h"
+#include "extract/directory_walk.h"
 
 static void open_up_entry(const char *entry_path, const char * /* name */) {
     log_info("%s: chmod for %s.\n", "_chmod", entry_path);

@@ -4,7 +4,7 @@
 #include <stddef.h>
 #include <stdio.h>
 
-#include "chain/initial_block_header.h"
+#include "chain/format/initial_block_header.h"
 
 // One item: where it lies in its partition, in bytes.
 struct PartitionInfo {

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "chain/initial_block_header.h"
+#include "chain/format/initial_block_header.h"
 
 std::string describe_state(enum bootside_result result, const struct bootside_walk &walk) {
     if (result == bootside_read_failed && walk.fault.in_misc != 0) {
@@ -11,7 +11,7 @@ std::string describe_state(enum bootside_result result, const struct bootside_wa
     if (result == bootside_no_anchor) {
         return walk.fault.found == 0 ? "cleared" : "no chain";
     }
-    return (walk.flags & initial_block_header_dump_flag) != 0 ? "dump pending" : "ready";
+    return is_dump_pending(walk.flags) ? "dump pending" : "ready";
 }
 
 std::string counted(uint64_t count, const char *noun) {
@@ -29,7 +29,7 @@ static std::string describe_values(enum bootside_result result,
             format = "expected {:#010x}, found {:#010x}";
             break;
         case bootside_bad_block_length:
-            format = "expected a power of two from {} to 1048576 bytes, found {}";
+            format = "expected a power of two from {0} to {2} bytes, found {1}";
             break;
         case bootside_bad_block_count:
             format = "expected 1 to {} blocks, found {}";
@@ -46,7 +46,7 @@ static std::string describe_values(enum bootside_result result,
         default:
             break;
     }
-    return fmt::format(format, fault.expected, fault.found);
+    return fmt::format(format, fault.expected, fault.found, initial_block_header_max_block_length);
 }
 
 std::string describe_verdict(const struct disk_image &image, enum bootside_result result,

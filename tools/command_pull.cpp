@@ -10,10 +10,10 @@
 #include <set>
 
 #include "bootside/chain_walk.h"
-#include "chain/initial_block_header.h"
+#include "chain/format/initial_block_header.h"
 #include "tools/chain_report.h"
 #include "tools/commands.h"
-#include "tools/dump_stream.h"
+#include "tools/dump_reader.h"
 #include "tools/progress_bar.h"
 #include "tools/safe_name.h"
 
@@ -158,7 +158,7 @@ int pull_command(struct disk_image *image, const struct pull_options &options) {
     if (result != bootside_ok) {
         return report_failure(*image, result, walk);
     }
-    const bool pending = (walk.flags & initial_block_header_dump_flag) != 0;
+    const bool pending = is_dump_pending(walk.flags);
     if (!pending && options.pending_only) {
         fmt::print("no dump is pending; nothing was written\n");
         return exit_good;

@@ -3,10 +3,10 @@
 #include <nlohmann/json.hpp>
 
 #include "bootside/chain_walk.h"
-#include "chain/initial_block_header.h"
+#include "chain/format/initial_block_header.h"
 #include "tools/chain_report.h"
 #include "tools/commands.h"
-#include "tools/dump_stream.h"
+#include "tools/dump_reader.h"
 #include "tools/progress_bar.h"
 #include "tools/safe_name.h"
 
@@ -24,7 +24,7 @@ static bool has_geometry(enum bootside_result result, const struct bootside_walk
 }
 
 static bool is_pending(const struct chain_status &status) {
-    return (status.boot.walk.flags & initial_block_header_dump_flag) != 0;
+    return is_dump_pending(status.boot.walk.flags);
 }
 
 static struct chain_status examine(struct disk_image *image) {

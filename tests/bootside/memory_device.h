@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "bootside/chain_walk.h"
-#include "chain/block_header.h"
-#include "chain/initial_block_header.h"
+#include "chain/format/block_header.h"
+#include "chain/format/initial_block_header.h"
 #include "tests/support/files.h"
-#include "tools/dump_stream.h"
+#include "tools/dump_reader.h"
 
 struct memory_device {
     struct initial_block_header anchor;      // all that misc has

@@ -12,8 +12,8 @@
 #include <random>
 #include <set>
 
-#include "chain/block_header.h"
-#include "chain/initial_block_header.h"
+#include "chain/format/block_header.h"
+#include "chain/format/initial_block_header.h"
 #include "tests/support/chain_image.h"
 #include "tests/support/files.h"
 #include "tests/support/platform.h"

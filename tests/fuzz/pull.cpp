@@ -8,7 +8,7 @@
 
 #include <algorithm>
 
-#include "chain/initial_block_header.h"
+#include "chain/format/initial_block_header.h"
 #include "tests/support/files.h"
 #include "tools/commands.h"
 

@@ -3,8 +3,8 @@
 #include <unistd.h>
 #include <zlib.h>
 
-#include "chain/block_header.h"
-#include "chain/initial_block_header.h"
+#include "chain/format/block_header.h"
+#include "chain/format/initial_block_header.h"
 #include "tests/support/files.h"
 
 std::vector<std::string> chain_headers(uint32_t seed, const std::vector<uint32_t> &blocks) {

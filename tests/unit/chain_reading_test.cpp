@@ -3,9 +3,9 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include "chain/chain_integrity.h"
 #include "chain/chain_reader.h"
-#include "chain/chain_test.h"
-#include "chain/initial_block_header.h"
+#include "chain/format/initial_block_header.h"
 #include "tests/support/captured_log.h"
 #include "tests/support/chain_image.h"
 #include "tests/support/files.h"

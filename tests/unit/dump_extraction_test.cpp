@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
-#include "chain/block_header.h"
+#include "chain/format/block_header.h"
+#include "chain/format/dump_file_header.h"
 #include "extract/dump_directory.h"
-#include "extract/dump_file_header.h"
 #include "extract/map_to_bin_files.h"
 #include "tests/support/chain_image.h"
 #include "tests/support/files.h"

@@ -1,4 +1,4 @@
-#include "chain/initial_block_header.h"
+#include "chain/anchor_printout.h"
 
 #include "config/log.h"
 

@@ -1,6 +1,6 @@
 // Reads the files of a dump by following the chain's links, in an image that nobody vouches for.
-#ifndef TARNIX_TOOLS_DUMP_STREAM_H
-#define TARNIX_TOOLS_DUMP_STREAM_H
+#ifndef TARNIX_TOOLS_DUMP_READER_H
+#define TARNIX_TOOLS_DUMP_READER_H
 
 #include <stdint.h>
 

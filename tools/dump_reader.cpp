@@ -1,16 +1,15 @@
-#include "tools/dump_stream.h"
+#include "tools/dump_reader.h"
 
 #include <string.h>
 
 #include <algorithm>
 
 #include "bootside/chain_walk.h"
-#include "chain/block_header.h"
-#include "extract/dump_file_header.h"
+#include "chain/format/dump_layout.h"
 
-// The device puts "/data/vendor/ramdump/apq/NN/", 28 characters, before the name and cuts the path
-// at 63. Only a name without its NUL comes that far: it goes on through the header's other fields.
-static const size_t longest_device_name = 63 - 28;
+// The device puts "/data/vendor/ramdump/apq/NN/", 28 characters, before the name. Only a name
+// without its NUL is so long that its path is cut.
+static const size_t longest_device_name = dump_file_longest_path - 28;
 
 struct stream_state {
     const struct dump_sink *sink;
@@ -22,8 +21,8 @@ struct stream_state {
 static std::string name_in(const unsigned char *header) {
     const char *name =
         reinterpret_cast<const char *>(header) + offsetof(struct dump_file_header, name);
-    const size_t reach = sizeof(struct dump_file_header) - offsetof(struct dump_file_header, name);
-    return std::string(name, strnlen(name, std::min(reach, longest_device_name)));
+    const size_t reach = std::min<size_t>(dump_file_longest_name_found, longest_device_name);
+    return std::string(name, strnlen(name, reach));
 }
 
 static void end_file(struct stream_state *state) {
@@ -75,8 +74,8 @@ static bool take_payload(struct stream_state *state, const unsigned char *bytes,
             if (state->file.present == state->file.size) {
                 end_file(state);
             }
-        } else if (length < sizeof(struct dump_file_header)) {
-            return true;  // padding: a header never straddles two blocks
+        } else if (!dump_file_header_fits(length)) {
+            return true;  // padding
         } else if (!begin_file(state, bytes)) {
             return false;
         }
@@ -89,7 +88,7 @@ static bool take_payload(struct stream_state *state, const unsigned char *bytes,
 struct dump_reading read_dump_stream(struct bootside_walk *walk, const struct dump_sink &sink) {
     struct dump_reading reading = {};
     struct stream_state state = {&sink, &reading, {}, false};
-    const size_t payload = walk->block_length - sizeof(struct block_header);
+    const size_t payload = dump_payload_size(walk->block_length);
     bool more = true;
     while (more && walk->position < walk->n_blocks) {
         enum bootside_result result = chain_walk_read(walk);

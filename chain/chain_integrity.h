@@ -1,6 +1,6 @@
 // The integrity test of the chain (-t).
-#ifndef TARNIX_CHAIN_CHAIN_TEST_H
-#define TARNIX_CHAIN_CHAIN_TEST_H
+#ifndef TARNIX_CHAIN_CHAIN_INTEGRITY_H
+#define TARNIX_CHAIN_CHAIN_INTEGRITY_H
 
 struct initial_block_header;
 

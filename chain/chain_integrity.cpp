@@ -1,4 +1,4 @@
-#include "chain/chain_test.h"
+#include "chain/chain_integrity.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -6,10 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "chain/block_header.h"
+#include "chain/anchor_printout.h"
 #include "chain/block_map.h"
 #include "chain/chain_crc.h"
-#include "chain/initial_block_header.h"
+#include "chain/format/block_header.h"
 #include "chain/transfer.h"
 #include "config/log.h"
 

@@ -1,0 +1,3 @@
+#include "chain/progress.h"
+
+uint8_t show_progress;
