@@ -4,9 +4,12 @@
 
 struct fstab;
 
-// The device's file-system table. Loaded by the driver before the lookup, null until then; never
-// released.
+// The device's file-system table. Null until it is loaded; never released.
 extern struct fstab *device_fstab;
+
+// Loads it: "/fstab." and the value of the property "ro.hardware", or else the same name in
+// /vendor/etc. False when neither can be read, with a line in the log for each.
+bool load_device_fstab();
 
 // Finds the first entry of device_fstab whose mount point is `path` or an ancestor of it, and
 // returns the entry's block device; the string belongs to the table. Sets `encryptable` and

@@ -14,6 +14,8 @@
 #include "chain/transfer.h"
 #include "config/log.h"
 
+const char default_map_path[] = "/data/vendor/ramdump/ramdump.map";
+
 static const size_t chunk_size = 65536;
 static const int chunks_per_progress_line = 256;
 

@@ -7,6 +7,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "chain/anchor_clearing.h"
 #include "chain/block_device_lookup.h"
 #include "chain/chain_crc.h"
 #include "chain/chain_integrity.h"
@@ -14,14 +15,12 @@
 #include "chain/chain_writer.h"
 #include "chain/format/initial_block_header.h"
 #include "chain/map_file.h"
+#include "config/dump_gates.h"
 #include "config/log.h"
 #include "config/properties.h"
 #include "driver/run_options.h"
-#include "extract/dump_directory.h"
-#include "extract/dump_stream.h"
 #include "extract/map_to_bin_files.h"
-#include "extract/permissions.h"
-#include "fs_mgr/fs_mgr_fstab.h"
+#include "extract/pending_dump.h"
 #include "partitions/partition_items.h"
 
 // What the steps of one run hand to each other.
@@ -32,27 +31,6 @@ struct run_state {
     char resolved_path[PATH_MAX];        // the map file's real path
     const char *blkdev;                  // the block device under it
 };
-
-// A device that does not allow dumps is no error: both gates end the run with status 0.
-static bool dumps_are_allowed() {
-    char value[property_value_max];
-    property_get("ro.sf", value, nullptr);
-    if (strcmp(value, "1") == 0) {
-        log_info("security on, exit\n");
-        return false;
-    }
-    log_info("security off, continue tarnix jobs\n");
-
-    if (property_get("ro.boot.qorramdump", value, "") == 0) {
-        log_error("fail to get ro.boot.qorramdump, exit\n");
-        return false;
-    }
-    if (strcmp(value, "1") != 0) {
-        log_error("ro.boot.qorramdump (radio flag) is not enabled, exit\n");
-        return false;
-    }
-    return true;
-}
 
 static void seed_chain_crc() {
     srand(static_cast<unsigned>(time(nullptr)));
@@ -67,16 +45,6 @@ static bool can_be_read(const char *path) {
     }
     (void)fclose(file);
     return true;
-}
-
-// Takes the old chain's anchor away, now that its blocks are no longer the map file's. The record
-// in memory stays as it was read.
-static void clear_anchor() {
-    log_error("start to clear init header!!\n");
-    const struct initial_block_header cleared = {};
-    (void)MISC_write_RamdumpInitHdr(&cleared);
-    (void)property_set("persist.vendor.tarnix.map", "invalid");
-    log_error("clear init header ok!!\n");
 }
 
 // Sees whether there is a map file with an anchor, and makes a new one when not. Negative when it
@@ -99,24 +67,6 @@ static int prepare_map_file(struct run_state *run) {
     return status;
 }
 
-// Loads the fstab named after the hardware from `directory_prefix` into device_fstab.
-static bool load_fstab(const char *directory_prefix) {
-    char path[4097];
-    char hardware[property_value_max];
-    device_fstab = nullptr;
-    if (property_get("ro.hardware", hardware, "") == 0) {
-        log_error("failed to get ro.hardware\n");
-        return false;
-    }
-    snprintf(path, sizeof(path), "%s%s", directory_prefix, hardware);
-    device_fstab = fs_mgr_read_fstab(path);
-    if (device_fstab == nullptr) {
-        log_error("failed to read %s\n", path);
-        return false;
-    }
-    return true;
-}
-
 // Finds the block device under the map file. 0, or the exit status 1.
 static int find_device(struct run_state *run) {
     if (realpath(run->options.map_path, run->resolved_path) == nullptr) {
@@ -124,7 +74,7 @@ static int find_device(struct run_state *run) {
                   strerror(errno));
         return 1;
     }
-    if (!load_fstab("/fstab.") && !load_fstab("/vendor/etc/fstab.")) {
+    if (!load_device_fstab()) {
         return 1;
     }
     int encryptable = 0;
@@ -147,11 +97,8 @@ static int extract_dump(struct run_state *run) {
         log_error("%s: No ramdump for reading (flag = 0x%x)\n", "main", run->anchor.flags);
         return 0;
     }
-    log_error("%s start parsing ramdump (flag = 0x%x)\n", "main", run->anchor.flags);
-    (void)property_set("debug.qor.tarnix", "running");
-    int status = config_ramdump_path();
+    int status = begin_extraction(&run->anchor);
     if (status < 0) {
-        log_error("%s: config_ramdump_path error\n", "main");
         return status;
     }
     // Always the default map file, whatever the command line names: it is the one that the boot
@@ -161,16 +108,7 @@ static int extract_dump(struct run_state *run) {
         log_error("%s: parsing error\n", "main");
         return status;
     }
-    // The files before the flag: a power cut in between leaves the dump pending, not lost.
-    sync_dump_files();
-    // The whole word: whatever else the boot side set is done with.
-    run->anchor.flags = initial_block_header_ready;
-    (void)MISC_write_RamdumpInitHdr(&run->anchor);
-    log_error("%s: grant permission to ramdump files: %s, %s\n", "main", permission_path,
-              run->resolved_path);
-    _chmod(permission_path);
-    log_error("%s: grant permission to ramdump files finished\n", "main");
-    (void)property_set("debug.qor.tarnix", "done");
+    finish_extraction(&run->anchor, run->resolved_path);
     return status;
 }
 
@@ -196,6 +134,7 @@ static int run_mode(struct run_state *run, int status) {
 
 int main(int argc, char *argv[]) {
     log_info("tarnix_v3 start!!\n");
+    // A device that does not allow dumps is no error.
     if (!dumps_are_allowed()) {
         return 0;
     }

@@ -4,11 +4,10 @@
 #include <unistd.h>
 
 #include "chain/chain_crc.h"
+#include "chain/map_file.h"
 #include "chain/progress.h"
 #include "config/ddr_size.h"
 #include "config/log.h"
-
-const char default_map_path[] = "/data/vendor/ramdump/ramdump.map";
 
 void help(char *argv[]) {
     // Kept as it is, though the first line lacks -a and -s, -a takes a size, and -c alone creates

@@ -13,9 +13,6 @@ struct run_options {
     const char *map_path;  // the positional argument, or the default
 };
 
-// The map file where none is named on the command line, and the one that an extraction reads.
-extern const char default_map_path[];
-
 // Logs the usage, line by line. `argv` is main's.
 void help(char *argv[]);
 

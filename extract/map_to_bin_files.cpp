@@ -10,31 +10,11 @@
 #include <memory>
 #include <new>
 
-#include "chain/available_space.h"
 #include "chain/block_map.h"
 #include "chain/format/dump_layout.h"
-#include "config/ddr_size.h"
 #include "config/log.h"
+#include "extract/dump_space.h"
 #include "extract/dump_stream.h"
-
-// Bytes that a dump of this device's memory may take: its RAM and 256 MiB for all else, or just
-// that, less a byte, when the RAM size is unknown.
-static uint64_t required_space() {
-    uint64_t ddr_size = 0;
-    return read_ddr_size(&ddr_size) ? ddr_size + 0x10000000 : 0xfffffff;
-}
-
-static bool has_space(const char *map_path) {
-    const uint64_t available = get_directory_available_space("/data/vendor");
-    if (available >= required_space()) {
-        return true;
-    }
-    log_error(
-        "Not enough space available to create ramdump file: %s, avail space: %lu, "
-        "requested size: %lu\n",
-        map_path, available, required_space());
-    return false;
-}
 
 // Feeds the payloads of the map file's n blocks to the parser, in the order of the file, whatever
 // the links say: the file system's order is the same where the chain is intact.
@@ -90,7 +70,7 @@ int map_to_bin_files(const char *map_path, const char *blkdev) {
     log_info("Opened %s for reading\n", blkdev);
 
     int result = -1;
-    if (has_space(map_path)) {
+    if (has_space_for_dump(map_path)) {
         const uint32_t n =
             static_cast<uint32_t>(static_cast<int64_t>(map_stat.st_size) / block_size);
         result = parse_blocks(map_fd, device_fd, n, buffer.get(), block_size);
