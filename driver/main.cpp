@@ -47,8 +47,8 @@ static bool can_be_read(const char *path) {
     return true;
 }
 
-// Sees whether there is a map file with an anchor, and makes a new one when not. Negative when it
-// cannot be made.
+// Sees whether there is a map file with an anchor, and makes a new one when not. 0, or the negative
+// result of a creation that failed.
 static int prepare_map_file(struct run_state *run) {
     const char *path = run->options.map_path;
     if (can_be_read(path) && is_initial_block_header(&run->anchor)) {
@@ -112,9 +112,12 @@ static int extract_dump(struct run_state *run) {
     return status;
 }
 
-// Builds, copies out or extracts. `status` is the result so far.
-static int run_mode(struct run_state *run, int status) {
+// Builds, copies out or extracts. A new map file gets its chain first, whatever else is asked for.
+// Then -r wins over an extraction: a dump that is pending stays so. The copy's result takes the
+// place of the build's, also of a build that failed, whose line is in the log.
+static int run_mode(struct run_state *run) {
     const struct run_options *options = &run->options;
+    int status = 0;
     log_info("initializing block chain (i=%08x)\n", chain_crc);
     if (options->create_mode && !run->map_valid) {
         log_info("start to raw_write_blocks\n");
@@ -152,12 +155,13 @@ int main(int argc, char *argv[]) {
             return status;
         }
     }
-    const int failure = find_device(&run);
-    if (failure != 0) {
-        return failure;
+    status = find_device(&run);
+    if (status != 0) {
+        return status;
     }
+    // -t wins over every other mode. With -a or -s it comes after the making of the map file.
     if (run.options.test_mode) {
         return test_block_chain(run.options.map_path, run.blkdev, &run.anchor);
     }
-    return run_mode(&run, status);
+    return run_mode(&run);
 }
