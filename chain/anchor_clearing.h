@@ -1,3 +1,4 @@
+// Giving up a chain.
 #ifndef TARNIX_CHAIN_ANCHOR_CLEARING_H
 #define TARNIX_CHAIN_ANCHOR_CLEARING_H
 

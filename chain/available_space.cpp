@@ -7,8 +7,8 @@
 #include "config/log.h"
 
 uint64_t get_directory_available_space(const char * /* path */) {
-    // Always the data partition, wherever the path leads: dumps end up there, and a map file put
-    // elsewhere is checked against it all the same.
+    // Always the data partition: the dumps go there. A map file in some other place is checked
+    // against the data partition too.
     static const char directory[] = "/data/vendor";
     struct statvfs file_system;
     uint64_t available = 0;

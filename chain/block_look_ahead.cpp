@@ -52,7 +52,8 @@ static void map_next(struct block_look_ahead *ahead) {
 }
 
 struct mapped_block take_block(struct block_look_ahead *ahead, int32_t index) {
-    // A piece at a time, so that a contiguous map takes one announcement a piece.
+    // Maps on only when there is room for a whole piece. One block at a time would announce each
+    // block alone, also where they are neighbours.
     if (ahead->mapped - index <= look_ahead_window - look_ahead_piece) {
         while (!ahead->stopped && ahead->mapped < ahead->end &&
                ahead->mapped - index < look_ahead_window) {

@@ -1,9 +1,9 @@
 // The map file's blocks in order, mapped ahead of their use and announced to the kernel.
 //
-// A header is 12 bytes, and the kernel has to read the page around them before it can take them.
-// Read one at a time, as the headers come, these pages are nine tenths of the time that building a
-// chain takes. So the blocks that come are mapped some way ahead, and their pages announced, run
-// by run of neighbouring blocks, while the headers before them are written.
+// To change 12 bytes, the kernel first reads the whole page around them. If it reads each page only
+// when its header is written, this reading takes nine tenths of the time of building a chain. So
+// the coming blocks are mapped some way ahead, and announced to the kernel, which then reads their
+// pages while earlier headers are written. Neighbouring blocks are announced together.
 #ifndef TARNIX_CHAIN_BLOCK_LOOK_AHEAD_H
 #define TARNIX_CHAIN_BLOCK_LOOK_AHEAD_H
 
@@ -12,8 +12,8 @@
 // How many blocks are mapped ahead: 2 MiB of pages for the device to work on.
 constexpr int32_t look_ahead_window = 512;
 
-// Longest announcement, in blocks of 4 KiB: 128 KiB. Kernels before 4.10 read no more than the
-// device's read-ahead limit of one announcement, 128 KiB on most, and drop the rest.
+// Longest announcement, in blocks: 128 KiB of 4 KiB blocks. Kernels before 4.10 read only so much
+// of one announcement as the device's read-ahead limit says, 128 KiB on most, and ignore the rest.
 constexpr int32_t look_ahead_piece = 32;
 
 // One block's answer of the file system.
@@ -28,7 +28,7 @@ struct block_look_ahead {
     uint64_t block_size;  // bytes
     int32_t end;          // number of blocks of the file; blocks from here on are not asked for
     int32_t mapped;       // blocks asked for so far
-    bool stopped;         // a block without a place was met: nothing behind it is asked for
+    bool stopped;         // a block without a place was met: the blocks after it are not asked for
     int32_t run_start;    // device blocks still to be announced together
     int32_t run_length;
     struct mapped_block blocks[look_ahead_window];

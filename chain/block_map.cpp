@@ -14,8 +14,8 @@ int map_block(int fd, int *block) {
 }
 
 off64_t seek_to_block(int fd, int64_t block, uint64_t block_size) {
-    // Unsigned, so that a negative block number of the file system makes a negative offset without
-    // overflow; lseek64 refuses that.
+    // Unsigned, because a negative block number must not overflow: it makes a negative offset, and
+    // lseek64 refuses that.
     const off64_t offset = static_cast<off64_t>(static_cast<uint64_t>(block) * block_size);
     off64_t position = -1;
     do {

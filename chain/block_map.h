@@ -14,8 +14,8 @@ int map_block(int fd, int *block);
 off64_t seek_to_block(int fd, int64_t block, uint64_t block_size);
 
 // Reads block `index` of the map file `map_fd` from the device `device_fd` under it into `buffer`,
-// `block_size` bytes. 0, or -1 with a line in the log. A hole is read from the start of the
-// device: that harms nothing, unlike the header that the writer refuses to put there.
+// `block_size` bytes. 0, or -1 with a line in the log. A hole maps to block 0. Reading that is
+// harmless; the writer refuses it.
 int read_file_block(int map_fd, int device_fd, uint32_t index, void *buffer, int32_t block_size);
 
 #endif

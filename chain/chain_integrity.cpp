@@ -32,8 +32,8 @@ static int read_header(int device_fd, int64_t block, uint64_t block_size,
     return 0;
 }
 
-// Walks to the link 0. On purpose nothing else bounds the walk, not even the anchor's count: it
-// shows what a boot side that follows the links would meet.
+// Walks until a link is 0. On purpose nothing else ends the walk, not even the anchor's count: it
+// shows what a boot side that only follows the links would see.
 static int walk_chain(int device_fd, uint64_t block_size, uint32_t first_block) {
     int64_t block = first_block;
     uint32_t count = 0;
@@ -48,7 +48,7 @@ static int walk_chain(int device_fd, uint64_t block_size, uint32_t first_block) 
             log_info("first block_header = {magic=%#x, next_block=%#x, crc32=%#x}\n",
                      block_header_magic, header.next_block, header.crc32);
         }
-        // Continued from the computed value, so that one damaged CRC is one mismatch.
+        // Goes on from the computed CRC, not from the stored one: one damaged CRC is one mismatch.
         const uint32_t computed =
             advance_chain_crc(static_cast<uint64_t>(block), header.next_block);
         if (!mismatch && header.crc32 != computed) {
@@ -76,8 +76,8 @@ int test_block_chain(const char *path, const char *blkdev,
         log_error("failed to open %s for reading: %s\n", path, strerror(errno));
         return -1;
     }
-    // Asked only for the log: the walk starts where the anchor says, whatever the file system says,
-    // since that is where the boot side starts.
+    // Asked only for the log. The walk starts at the anchor's first block, as the boot side does,
+    // whatever the file system says.
     int block = 0;
     if (map_block(map_fd, &block) != 0) {
         log_error("Failed to get block 0 for file %s: %s\n", path, strerror(errno));
@@ -87,7 +87,8 @@ int test_block_chain(const char *path, const char *blkdev,
     print_initial_block_header(nullptr, anchor);
     chain_crc = anchor->crc32;
 
-    // The device's own block size; on the devices served it is the chain's block length.
+    // The block size that the kernel reports for the device. On a phone's flash it is the chain's
+    // block length.
     struct stat device_stat;
     if (stat(blkdev, &device_stat) == -1) {
         log_error("failed to stat %s\n", blkdev);

@@ -9,8 +9,8 @@ struct initial_block_header;
 // the user named it. Changes chain_crc, and nothing on the device.
 //
 // 0 when the end of the chain was reached, CRC mismatches included; -1 when the file or the device
-// cannot be read, -ENOENT at a wrong magic; each with a line in the log. A chain whose links form
-// a cycle is walked for ever, and a link to the very end of the device is read for ever.
+// cannot be read, -ENOENT at a wrong magic; each with a line in the log. It never returns from a
+// chain whose links form a cycle, or from a link to the very end of the device.
 int test_block_chain(const char *path, const char *blkdev,
                      const struct initial_block_header *anchor);
 

@@ -40,7 +40,7 @@ int raw_read_blocks(const char *file, const char *blkdev, const char *outfile) {
         return -1;
     }
 
-    // The failures up to the copy leave the descriptors to the end of the run, which is next.
+    // A failure before the copy leaves the descriptors open: the run ends next, and closes them.
     const int map_fd = open(file, O_RDONLY);
     if (map_fd == -1) {
         log_error("failed to open infile:%s for reading: %s\n", file, strerror(errno));
@@ -62,7 +62,7 @@ int raw_read_blocks(const char *file, const char *blkdev, const char *outfile) {
     }
     const unsigned long avail = file_system.f_bavail;
     log_info("%s: %lu avail, %u blocks needed\n", __func__, avail, n);
-    // Inverted as it looks; the direction is this tool's own, and is kept.
+    // Inverted on purpose: it refuses when there are MORE free blocks than needed.
     if (avail > n) {
         log_error("%s: Not enough space available to write ramdump %lu avail, need %u blocks\n",
                   __func__, avail, n);

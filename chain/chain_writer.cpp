@@ -35,7 +35,8 @@ void write_header(int fd, int64_t block, int64_t next, uint64_t block_size, int3
         log_info("first block_header = {magic=%#x, next_block=%#x, crc32=%#x}", header.magic,
                  header.next_block, header.crc32);
     }
-    // The chain is built to its end even so, and the integrity test stops at the stale header.
+    // The chain is built to its end even when a write fails: the integrity test then stops at the
+    // block whose header is old.
     (void)write_retry(fd, &header, sizeof(header));
 }
 
@@ -48,7 +49,8 @@ static int write_headers(struct block_look_ahead *blocks, int32_t n, int first_b
             log_info("%d/%d\n", i, n);
         }
         const struct mapped_block mapped = take_block(blocks, i);
-        // Before the result: a hole may come with either.
+        // Before the result: a hole is block 0, and the file system may report it as an error or
+        // not.
         if (mapped.block == 0) {
             log_error("refusing to write to block 0\n");
             return -1;
@@ -80,13 +82,13 @@ int raw_write_blocks(const char *file, const char *blkdev) {
         return -1;
     }
 
-    // The failures from here on leave the descriptors to the end of the run, which is next.
+    // A failure from here on leaves the descriptors open: the run ends next, and closes them.
     const int map_fd = open(file, O_RDONLY);
     if (map_fd == -1) {
         log_error("failed to open fd for reading: %s\n", strerror(errno));
         return -1;
     }
-    // Every block must have its place before it is asked for.
+    // The file system must have given every block its place before it is asked where that is.
     fsync(map_fd);
     const int device_fd = open(blkdev, O_WRONLY);
     if (device_fd == -1) {
@@ -95,7 +97,7 @@ int raw_write_blocks(const char *file, const char *blkdev) {
     }
     log_info("Opened %s for writing\n", blkdev);
 
-    // Block 0 has its header also where the count, of 8 TiB or more, is negative in 32 bits.
+    // n is negative from 8 TiB on; block 0 gets its header even then.
     struct block_look_ahead blocks;
     start_look_ahead(&blocks, map_fd, device_fd, static_cast<uint64_t>(block_size), std::max(n, 1));
     const struct mapped_block first = take_block(&blocks, 0);
@@ -121,8 +123,8 @@ int raw_write_blocks(const char *file, const char *blkdev) {
     fsync(device_fd);
     close(device_fd);
 
-    // Whatever becomes of the anchor and the property, the chain stands; without an anchor the next
-    // run builds a new one.
+    // The results are not looked at: the chain itself is done. Without an anchor the next run
+    // builds a new one.
     (void)MISC_write_RamdumpInitHdr(&anchor);
     (void)property_set("persist.vendor.tarnix.map", "valid");
     print_initial_block_header(blkdev, &anchor);

@@ -9,8 +9,7 @@
 // anchor in misc and marks the map as valid. 0 when that is done; -1 when the map file or the
 // device cannot be used or a block has no place, with a line in the log and no anchor.
 //
-// A header that could not be written is logged and does not fail the run; the integrity test finds
-// it.
+// A header that could not be written is logged and the run goes on; the integrity test finds it.
 int raw_write_blocks(const char *file, const char *blkdev);
 
 // Writes the header that links `block` to `next` (0 for the last one) to the open device `fd`,

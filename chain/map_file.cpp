@@ -19,8 +19,8 @@ const char default_map_path[] = "/data/vendor/ramdump/ramdump.map";
 static const size_t chunk_size = 65536;
 static const int chunks_per_progress_line = 256;
 
-// Writes `size` bytes of 0xFF. Every block has to be written, since only then does the file system
-// give it the place that the chain refers to.
+// Writes `size` bytes of 0xFF. Every block has to be written: only then does the file system give
+// it a place on the device, and the chain is made of these places.
 static int fill_file(int fd, const uint8_t *chunk, uint64_t size) {
     const int count = static_cast<int>(size / chunk_size);
     for (int i = 0; i < count; ++i) {
@@ -41,7 +41,7 @@ static int fill_file(int fd, const uint8_t *chunk, uint64_t size) {
 }
 
 int create_file(const char *path, uint64_t size) {
-    // Before the open: what an old map file of this name still holds counts as used.
+    // Before the open, which empties an old map file of this name: its space counts as used.
     const uint64_t available = get_directory_available_space(path);
     if (available < size) {
         log_error(
@@ -50,7 +50,7 @@ int create_file(const char *path, uint64_t size) {
             __func__, path, available, size);
         return -1;
     }
-    // The failures from here on leave the descriptor to the end of the run, which is next.
+    // A failure from here on leaves the descriptor open: the run ends next, and closes it.
     const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0660);
     if (fd == -1) {
         log_error("failed to open file:%s for writing: %s\n", path, strerror(errno));
@@ -61,7 +61,7 @@ int create_file(const char *path, uint64_t size) {
         log_error("failed to allocate block buffer\n");
         return -1;
     }
-    // After the open on purpose: a request for size 0 leaves the old map file truncated.
+    // After the open, on purpose: a request for size 0 empties the old map file too.
     if (size == 0) {
         log_error("auto create is not supported yet!!\n");
         return -1;

@@ -10,7 +10,7 @@ extern const char default_map_path[];
 // Creates the map file at `path` with exactly `size` bytes, each 0xFF, mode 0660, written in full
 // and synced so that every block has its place on the device. 0 on success; -1 after an error,
 // which is logged: no room, the file cannot be opened or written, or a size of 0. A failure after
-// the check for room leaves what was written, and nothing of an old file: size 0 empties it too.
+// the check for room leaves what was written so far; an old file of this name is gone then.
 int create_file(const char *path, uint64_t size);
 
 #endif

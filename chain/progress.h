@@ -1,3 +1,4 @@
+// Whether the log tells how far the work is.
 #ifndef TARNIX_CHAIN_PROGRESS_H
 #define TARNIX_CHAIN_PROGRESS_H
 

@@ -6,8 +6,8 @@
 
 #include "config/log.h"
 
-// A transfer of 0 bytes is neither an end nor an error here, on purpose: the map file's blocks are
-// all on the device, so what is missing is simply asked for again.
+// 0 bytes means try again, at the end of a file for ever. That is on purpose: all blocks of the map
+// file lie inside the device.
 
 int read_retry(int fd, void *buffer, size_t length) {
     size_t done = 0;

@@ -5,8 +5,8 @@
 #include <stddef.h>
 
 // Reads or writes exactly `length` bytes, however many calls that takes, again after EINTR. 0 when
-// all are done, -1 after any other error, which is logged. At the end of a file or device a read
-// never returns: it asks again for ever.
+// all are done, -1 after any other error, which is logged. A read at the end of a file or device
+// never returns: it tries again for ever.
 int read_retry(int fd, void *buffer, size_t length);
 int write_retry(int fd, const void *buffer, size_t length);
 

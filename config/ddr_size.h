@@ -1,3 +1,4 @@
+// How much RAM the device has.
 #ifndef TARNIX_CONFIG_DDR_SIZE_H
 #define TARNIX_CONFIG_DDR_SIZE_H
 
@@ -8,8 +9,8 @@
 // when the property is unset or empty.
 //
 // Only the first character counts: 12 is read as 1. A character below '0' is not refused, and the
-// arithmetic wraps. The map's size and the space for a dump follow from this alone, and the boot
-// side of the devices in the field relies on the sizes that result.
+// arithmetic wraps around. Keep it so: the map's size and the space for a dump follow from this
+// alone, and the boot side of the devices in the field relies on these sizes.
 bool read_ddr_size(uint64_t *bytes);
 
 #endif

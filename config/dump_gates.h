@@ -1,3 +1,4 @@
+// The device's say on whether it dumps its memory.
 #ifndef TARNIX_CONFIG_DUMP_GATES_H
 #define TARNIX_CONFIG_DUMP_GATES_H
 

@@ -7,8 +7,8 @@ constexpr int property_value_max = 92;
 
 // Reads the property `key` into `value`, a buffer of property_value_max bytes. An unset or empty
 // property gives `default_value`, cut to 91 characters, or the empty string when that is null.
-// Returns the length of what is left in `value`. To a caller with an application's uid the names
-// that identify the device read as "unknown", set or not.
+// Returns the length of the string in `value`. A caller with an application's uid reads "unknown"
+// under each name that identifies the device, also where that is unset.
 int property_get(const char *key, char *value, const char *default_value);
 
 // Sets the property `key`; returns the platform's own result, 0 on success.

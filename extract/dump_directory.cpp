@@ -23,8 +23,8 @@ char permission_path[dump_path_size];
 // A file system of more than 32 GiB has room for the dump before the newest one.
 static const uint64_t two_dumps_above = 0x800000000;
 
-// mkdir, or at least the mode: another process may have made the directory, with a mode of its own,
-// and whoever fetches the dumps must get in.
+// Makes the directory. When that fails it sets the mode: another process may have made it with a
+// different one, and whoever fetches the dumps must get in.
 static void make_directory(const char *path, bool keep_mode) {
     if (mkdir(path, 0777) == -1 && !keep_mode && chmod(path, 0777) == -1) {
         log_info("%s: fail to chmod for %s: %s.\n", "_mkdir", path, strerror(errno));
@@ -32,7 +32,7 @@ static void make_directory(const char *path, bool keep_mode) {
 }
 
 void _mkdir(const char *path) {
-    // Cleared, since the walk starts at the second character, of an empty path too.
+    // Cleared: the walk below starts at the second character, also of an empty path.
     char prefix[working_path_size] = {};
     copy_directory_path(prefix, path);
     for (char *slash = strchr(prefix + 1, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
@@ -44,7 +44,7 @@ void _mkdir(const char *path) {
     make_directory(prefix, false);
 }
 
-// Not by type: a plain file counts as well, so that a new directory does not get a taken name.
+// Plain files count too: a new directory must not get a name that is taken.
 static int filter(const struct dirent *entry) {
     return entry->d_name[0] != '.';
 }
@@ -71,13 +71,12 @@ static uint64_t get_directory_total_space(const char *path) {
     return total;
 }
 
-// The number after the highest one. Gaps below it are never filled again: a directory's number
-// tells its age.
+// The number after the highest one. Gaps are not filled: a higher number means a newer dump.
 static int next_dump_number(struct dirent **entries, int n) {
     if (n == 0) {
         return 0;
     }
-    // Unsigned: a name may be the highest number there is.
+    // Unsigned, because the highest number may be INT_MAX and must not overflow.
     return static_cast<int>(static_cast<unsigned>(atoi(entries[n - 1]->d_name)) + 1U);
 }
 
@@ -91,8 +90,8 @@ static void remove_entry(const char *entry_path, const char *name) {
     }
 }
 
-// One level deep on purpose: what somebody put into a subdirectory is not the tool's, and keeps its
-// directory alive.
+// One level deep on purpose: a subdirectory is not the tool's. It stays, and so does the dump
+// directory around it.
 static void remove_dump_directory(const char *path) {
     visit_directory("_remove", path, remove_entry);
     if (rmdir(path) == -1) {
@@ -122,7 +121,7 @@ int config_ramdump_path() {
     _mkdir(ramdump_path);
     _chmod(path);
 
-    // The new directory is not among the entries, so it stays, beside max_dump_dirs - 1 old ones.
+    // The new directory is not among the entries. Beside it stay max_dump_dirs - 1 old ones.
     for (int i = 0; i < n - max_dump_dirs + 1; ++i) {
         format_path(path, sizeof(path), BASE_DIRECTORY "%s", entries[i]->d_name);
         remove_dump_directory(path);

@@ -1,3 +1,4 @@
+// The room that a dump's files need.
 #ifndef TARNIX_EXTRACT_DUMP_SPACE_H
 #define TARNIX_EXTRACT_DUMP_SPACE_H
 

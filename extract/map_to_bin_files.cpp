@@ -16,8 +16,8 @@
 #include "extract/dump_space.h"
 #include "extract/dump_stream.h"
 
-// Feeds the payloads of the map file's n blocks to the parser, in the order of the file, whatever
-// the links say: the file system's order is the same where the chain is intact.
+// Feeds the payloads of the map file's n blocks to the parser. The order is the file's, not that of
+// the links; in an intact chain the two are the same.
 static int parse_blocks(int map_fd, int device_fd, uint32_t n, uint8_t *buffer,
                         int32_t block_size) {
     for (uint32_t i = 0; i < n; ++i) {
@@ -28,13 +28,14 @@ static int parse_blocks(int map_fd, int device_fd, uint32_t n, uint8_t *buffer,
         memcpy(&header, buffer, sizeof(header));
         if (header.magic != block_header_magic &&
             !pass_over_bad_magic(header.magic, block_header_magic)) {
-            // A block outside the chain ends the dump.
+            // Not a block of the chain: the dump ends here.
             return 0;
         }
         const int64_t payload_size = block_size - static_cast<int64_t>(sizeof(header));
         memmove(buffer, buffer + sizeof(header), static_cast<size_t>(payload_size));
         if (process_data(buffer, payload_size) < 0) {
-            // What was found so far is worth keeping: an end of the dump, not a failure.
+            // The end of the dump. No failure, also where it is damaged: the files found so far are
+            // worth keeping.
             return 0;
         }
     }
@@ -47,7 +48,7 @@ int map_to_bin_files(const char *map_path, const char *blkdev) {
         log_error("failed to stat %s: %s\n", map_path, strerror(errno));
         return -1;
     }
-    // The chain was built in blocks of the same size: it is the same file.
+    // The chain's block length too: the chain was built from the same file.
     const int32_t block_size = static_cast<int32_t>(map_stat.st_blksize);
     const size_t buffer_size = static_cast<size_t>(block_size);
     const std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[buffer_size]);

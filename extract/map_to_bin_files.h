@@ -1,3 +1,4 @@
+// The dump in the chain's payloads, as files.
 #ifndef TARNIX_EXTRACT_MAP_TO_BIN_FILES_H
 #define TARNIX_EXTRACT_MAP_TO_BIN_FILES_H
 

@@ -21,7 +21,7 @@ int begin_extraction(const struct initial_block_header *anchor) {
 void finish_extraction(struct initial_block_header *anchor, const char *map_path) {
     // The files before the flag: a power cut in between leaves the dump pending, not lost.
     sync_dump_files();
-    // The whole word: whatever else the boot side set is done with.
+    // The whole word: the boot side's other bits go too.
     anchor->flags = initial_block_header_ready;
     (void)MISC_write_RamdumpInitHdr(anchor);
     log_error("%s: grant permission to ramdump files: %s, %s\n", "main", permission_path, map_path);

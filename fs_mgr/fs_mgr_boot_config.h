@@ -28,4 +28,4 @@ bool is_dt_compatible();
 // when there is such an entry and no suffix: entries before the failing one keep theirs.
 bool fs_mgr_update_for_slotselect(struct fstab *table);
 
-#endif  // TARNIX_FS_MGR_BOOT_CONFIG_H
+#endif

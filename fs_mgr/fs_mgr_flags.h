@@ -91,4 +91,4 @@ int32_t parse_flags(char *options, const struct flag_list *table, struct fs_mgr_
 // the full product overflows 64 bits.
 uint32_t zram_percentage(uint32_t percent, uint64_t pages, uint64_t page_size);
 
-#endif  // TARNIX_FS_MGR_FLAGS_H
+#endif

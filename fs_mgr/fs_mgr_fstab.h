@@ -50,4 +50,4 @@ void fs_mgr_free_fstab(struct fstab *table);
 // The bits of encryptable=, forceencrypt= and forcefdeorfbe= that the entry has; 0 for none.
 int32_t fs_mgr_is_encryptable(const struct fstab_rec *rec);
 
-#endif  // TARNIX_FS_MGR_FSTAB_H
+#endif

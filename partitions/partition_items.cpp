@@ -13,7 +13,8 @@ struct PartitionInfo {
     int32_t length;
 };
 
-// Item 1 and item 22 cover the start of the partition as a whole and overlap the others on purpose.
+// Some items hold others, on purpose: 22 all of misc's, 101, 102 and 113 some of mfg's, 130 all of
+// them, 210 all of board_info's.
 static const struct PartitionInfo gPartitionInfo_MISC[] = {
     {1, 0, 2048},
     {2, 2048, 16},
@@ -96,8 +97,8 @@ static const struct item_partition item_partitions[] = {
 };
 static const size_t partition_count = sizeof(item_partitions) / sizeof(item_partitions[0]);
 
-// Which of the device nodes is used, 0 before the first open. One value for all four partitions on
-// purpose: whichever is opened first fixes the directory for every later open of any of them.
+// Which of the device nodes is used, 0 before the first open. On purpose there is one value for all
+// four partitions: the first open of any of them fixes the directory for all later ones.
 static uint32_t partition_path_choice;
 
 // The open partition, from mfg_open to the transfer that closes it.
@@ -105,8 +106,8 @@ static FILE *partition_stream;
 
 static void close_partition() {
     if (partition_stream != nullptr) {
-        // The chain's callers go on whatever became of the anchor: the next run goes by what is
-        // in the partition then.
+        // The result is not looked at: the callers go on in any case, and the next run goes by what
+        // the partition holds then.
         (void)fclose(partition_stream);
         partition_stream = nullptr;
     }
@@ -120,9 +121,9 @@ static size_t partition_of_item(int mfg_item) {
     return which;
 }
 
-// The row at `index` counted from the start of a partition's table. The tables follow one another,
-// and an index past the end of one meets a row of the next, whose id tells the caller that the item
-// does not exist. After the last row the id is 0.
+// The row at `index`, counted from the start of a partition's table. An index past the table's end
+// gives a row of the next table, and past the last table a row with id 0. The caller sees from the
+// id that there is no such item.
 static struct PartitionInfo row_at(size_t which, int index) {
     for (; which < partition_count; ++which) {
         if (index < item_partitions[which].row_count) {
@@ -177,7 +178,7 @@ int mfg_open(int mfg_item, uint32_t *offset, uint32_t *length) {
 }
 
 static void seek_to_item(uint32_t offset) {
-    // A failing seek is not looked at, as no part of a transfer is.
+    // The result is not looked at, as no result of a transfer is.
     (void)fseek(partition_stream, static_cast<int32_t>(offset), SEEK_SET);
 }
 
@@ -195,7 +196,8 @@ int mfg_emmc_read(int mfg_item, void *buf, int len) {
         return -EINVAL;
     }
     seek_to_item(offset);
-    // A short read leaves the rest of the record as the caller had set it: zeros, for the anchor.
+    // A short read leaves the rest of the record as the caller had set it. The anchor's caller sets
+    // zeros, which are no anchor.
     (void)!fread(buf, length, 1, partition_stream);
     close_partition();
     return 0;
