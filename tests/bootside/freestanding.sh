@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Shows that the boot side builds for bare metal and asks its port for nothing but four memory
-# functions, that it keeps no state of its own, and that its header and the example in the porting
-# chapter are C11.
+# functions, that it keeps no state of its own, and that its header and the example of
+# docs/porting.md are C11.
 #   freestanding.sh ROOT OUTPUT_FOLDER
 set -euo pipefail
 root=$1
@@ -24,9 +24,8 @@ if [ -n "$strange$state" ]; then
     exit 1
 fi
 
-# The example is the chapter's block of C.
-awk '/^## / { chapter = /Porting the boot side/ }
-    /^```/ { inside = chapter && $0 == "```c"; next }
-    inside' "$root/docs/integration.md" >"$out/example.c"
+# The example is the page's block of C.
+awk '/^```/ { inside = $0 == "```c"; next }
+    inside' "$root/docs/porting.md" >"$out/example.c"
 test -s "$out/example.c"
 clang "${bare[@]}" -std=c11 -c "$out/example.c" -o "$out/example"
