@@ -48,8 +48,8 @@ static const uint32_t initial_block_header_min_block_length = 512;
 static const uint32_t initial_block_header_max_block_length = 1048576;
 
 // Whether the record is an anchor at all. Of zeros, or of what else misc may hold, it is not.
-static inline bool is_initial_block_header(const struct initial_block_header *header) {
-    return header->magic == initial_block_header_magic;
+static inline bool is_initial_block_header(const struct initial_block_header *anchor) {
+    return anchor->magic == initial_block_header_magic;
 }
 
 // The anchor of a chain that has just been built.
@@ -57,10 +57,10 @@ static inline struct initial_block_header fresh_initial_block_header(uint32_t fi
                                                                      uint32_t length,
                                                                      uint32_t n_blocks,
                                                                      uint32_t seed) {
-    const struct initial_block_header header = {
+    const struct initial_block_header anchor = {
         initial_block_header_magic, first_block, length, n_blocks, seed,
         initial_block_header_ready};
-    return header;
+    return anchor;
 }
 
 // Whether a block can have this length.
