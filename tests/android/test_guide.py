@@ -8,7 +8,8 @@ import shutil
 from emulated import REPO, device, run
 from test_build import ROOMS
 
-PAGES = {path: path.read_text() for path in [REPO / "README.md", *(REPO / "docs").glob("*.md")]}
+PAGES = {path: path.read_text()
+         for path in (REPO / "README.md", REPO / "emulator/README.md", *(REPO / "docs").glob("*.md"))}
 INTEGRATION, TROUBLE = (PAGES[REPO / "docs" / name] for name in ("integration.md",
                                                                 "troubleshooting.md"))
 FOLDER = REPO / "build/first-dump"  # the commands'
