@@ -113,8 +113,8 @@ static int extract_dump(struct run_state *run) {
 }
 
 // Builds, copies out or extracts. A new map file gets its chain first, whatever else is asked for.
-// Then -r wins over an extraction: a dump that is pending stays so. The copy's result takes the
-// place of the build's, also of a build that failed, whose line is in the log.
+// Then -r wins over an extraction: a pending dump stays pending. With -r the status is the copy's,
+// also where the build before it failed; the log then has the build's error.
 static int run_mode(struct run_state *run) {
     const struct run_options *options = &run->options;
     int status = 0;

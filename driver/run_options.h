@@ -16,8 +16,8 @@ struct run_options {
 // Logs the usage, line by line. `argv` is main's.
 void help(char *argv[]);
 
-// Reads the command line into `options`, chain_crc (-i) and show_progress. 0; 2 for an option that
-// there is not, or one without its argument, after the usage.
+// Reads the command line into `options`, chain_crc (-i) and show_progress. Returns 0; or, after
+// logging the usage, 2 for an unknown option or a missing argument.
 int parse_options(int argc, char *argv[], struct run_options *options);
 
 #endif

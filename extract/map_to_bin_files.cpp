@@ -31,8 +31,8 @@ static int parse_blocks(int map_fd, int device_fd, uint32_t n, uint8_t *buffer,
             // Not a block of the chain: the dump ends here.
             return 0;
         }
-        const int64_t payload_size = block_size - static_cast<int64_t>(sizeof(header));
-        memmove(buffer, buffer + sizeof(header), static_cast<size_t>(payload_size));
+        const uint32_t payload_size = dump_payload_size(static_cast<uint32_t>(block_size));
+        memmove(buffer, buffer + sizeof(header), payload_size);
         if (process_data(buffer, payload_size) < 0) {
             // The end of the dump. No failure, also where it is damaged: the files found so far are
             // worth keeping.

@@ -15,10 +15,10 @@ struct initial_block_header;
 // partition does not open.
 int mfg_open(int mfg_item, uint32_t *offset, uint32_t *length);
 
-// Reads or writes one item. Always moves the item's whole length, whatever `len` says, so `buf`
-// must hold that much; `len` only guards against asking for more than there is. 0 on success, also
-// when the transfer itself fell short; -EIO when the partition cannot be opened or has no such
-// item; -EINVAL when `len` exceeds the item's length.
+// Reads or writes one item. Always transfers the item's whole length, so `buf` must be that large.
+// `len` is only checked. 0 on success, also when the transfer itself fell short; -EIO when the
+// partition cannot be opened or has no such item; -EINVAL when `len` is more than the item's
+// length.
 int mfg_emmc_read(int mfg_item, void *buf, int len);
 int mfg_emmc_write(int mfg_item, const void *buf, int len);
 

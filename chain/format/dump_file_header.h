@@ -33,8 +33,8 @@ static const uint32_t dump_file_header_magic = 0x654c3146;
 static const uint32_t dump_file_longest_name =
     offsetof(struct dump_file_header, size) - offsetof(struct dump_file_header, name) - 1;
 
-// Characters of the longest name that a reader may find: one without a NUL in its field runs on
-// through the rest of the header, and ends there at the latest.
+// Characters of the longest name that a reader may find. A name without a NUL in its 20 bytes goes
+// on into the rest of the header, and ends at the header's end at the latest.
 static const uint32_t dump_file_longest_name_found =
     sizeof(struct dump_file_header) - offsetof(struct dump_file_header, name);
 
