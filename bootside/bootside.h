@@ -89,28 +89,74 @@ struct bootside_fault {
     uint32_t found;
 };
 
-// The anchor, and a place in the chain. Callers read it and leave it alone.
+// The anchor, and a place in the chain. Callers write nothing in it.
 struct bootside_walk {
     const struct bootside_port *port;
-    uint32_t first_block, block_length, n_blocks, seed, flags;  // the anchor's fields
-    uint32_t data_blocks;                                       // whole blocks in the partition
-    uint32_t position, block, crc;  // the block looked at, and the running CRC before it
-    uint32_t next, stored_crc;      // its header, once it has been read
-    const unsigned char *content;   // its block_length bytes, once it has been read
-    uint32_t buffer_blocks;         // blocks that a transfer may have
-    uint32_t window_first, window_blocks, window_wish;  // consecutive blocks held in the buffer
+
+    // The anchor's fields.
+    uint32_t first_block;
+    uint32_t block_length;
+    uint32_t n_blocks;
+    uint32_t seed;
+    uint32_t flags;
+
+    // Whole blocks in the data partition.
+    uint32_t data_blocks;
+
+    // The block looked at: how many of the chain come before it, and its number.
+    uint32_t position;
+    uint32_t block;
+    // The running CRC: before that block, and from chain_walk_check on after it.
+    uint32_t crc;
+
+    // That block's header and its block_length bytes, once it has been read.
+    uint32_t next;
+    uint32_t stored_crc;
+    const unsigned char *content;
+
+    // Blocks that one transfer may have.
+    uint32_t buffer_blocks;
+    // The consecutive blocks that the buffer holds: the first one, and how many.
+    uint32_t window_first;
+    uint32_t window_blocks;
+    // How many blocks the last read asked for.
+    uint32_t window_wish;
+
+    // Where the walk, or a later transfer, failed.
     struct bootside_fault fault;
 };
 
-// The context: any memory of the caller's, filled by bootside_open. `walk` up to `n_blocks` and
-// its `fault`, and `runs`, are for callers to read.
+// The context: any memory of the caller's, filled by bootside_open. Callers may read `runs`, and of
+// `walk` the anchor's fields and `fault`.
 struct bootside {
     struct bootside_walk walk;
-    uint32_t runs;  // stretches of physically consecutive blocks in the chain
-    uint32_t run_capacity, run, run_offset;
-    uint32_t state, files;
-    uint32_t stretch_first, stretch_blocks, stretch_index, stretch_at;
-    uint64_t stream, file_left;
+
+    // Runs in the chain: a run is a row of blocks that follow each other on the medium too.
+    uint32_t runs;
+    // Runs that the table in the buffer has room for.
+    uint32_t run_capacity;
+    // While the table is made: the block that would carry the last run on.
+    uint32_t run_next_block;
+    // While a dump is written: the run that the next block is in, and its place there.
+    uint32_t run;
+    uint32_t run_offset;
+
+    // What may be called now (dump_state.h).
+    uint32_t state;
+    // Files begun in this dump.
+    uint32_t files;
+
+    // The blocks in the buffer that wait to be written: the first one's number, and how many.
+    uint32_t stretch_first;
+    uint32_t stretch_blocks;
+    // Where the next byte goes: which of these blocks, and the byte in its payload.
+    uint32_t stretch_index;
+    uint32_t stretch_at;
+
+    // Payload bytes that this dump has so far.
+    uint64_t stream;
+    // Bytes that the file begun last still has to get.
+    uint64_t file_left;
 };
 
 // Reads the anchor and walks the whole chain, writing nothing. bootside_ok when every block's

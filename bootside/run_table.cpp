@@ -17,17 +17,16 @@ void run_table_reserve(struct bootside *boot) {
     boot->runs = 0;
 }
 
-// `run_offset` is the block that would carry the run on.
 void run_table_add(struct bootside *boot, uint32_t block) {
     struct chain_run run = {block, 0};
-    if (boot->runs != 0 && block == boot->run_offset) {
+    if (boot->runs != 0 && block == boot->run_next_block) {
         if (boot->runs <= boot->run_capacity) {
             __builtin_memcpy(&run, entry(boot, boot->runs - 1), sizeof(run));
         }
     } else {
         ++boot->runs;
     }
-    boot->run_offset = block + 1;
+    boot->run_next_block = block + 1;
     if (boot->runs <= boot->run_capacity) {
         ++run.blocks;
         __builtin_memcpy(entry(boot, boot->runs - 1), &run, sizeof(run));
