@@ -114,6 +114,10 @@ struct bootside_walk {
     uint32_t stored_crc;
     const unsigned char *content;
 
+    // An earlier place of this walk. A chain that comes back is noticed when it meets it again.
+    uint32_t mark_position;
+    uint32_t mark_block;
+
     // Blocks that one transfer may have.
     uint32_t buffer_blocks;
     // The consecutive blocks that the buffer holds: the first one, and how many.

@@ -90,6 +90,8 @@ void chain_walk_rewind(struct bootside_walk *walk) {
     walk->position = 0;
     walk->block = walk->first_block;
     walk->crc = walk->seed;
+    walk->mark_position = 0;
+    walk->mark_block = walk->first_block;
     walk->window_blocks = 0;
     walk->window_wish = 1;
 }
@@ -172,9 +174,19 @@ enum bootside_result chain_walk_follow(struct bootside_walk *walk) {
         return chain_walk_fault(walk, bootside_block_outside, offset, walk->data_blocks - 1,
                                 walk->next);
     }
+    // The mark moves on whenever the walk has got twice as far. So it comes to stand in the cycle
+    // of a chain that has one, with a whole lap to go before it moves again (Brent's method).
+    if (walk->position > 2 * walk->mark_position) {
+        walk->mark_position = walk->position;
+        walk->mark_block = walk->block;
+    }
     walk->position = seen;
     walk->block = walk->next;
     return bootside_ok;
+}
+
+uint32_t chain_walk_lap(const struct bootside_walk *walk) {
+    return walk->block == walk->mark_block ? walk->position - walk->mark_position : 0;
 }
 
 // Looks for `block` among the first `positions` blocks, by the links alone. Returns the position,
@@ -191,6 +203,17 @@ static uint32_t first_position_of(const struct bootside_walk *from, uint32_t blo
     return walk.block == block ? walk.position : positions;
 }
 
+// Called where the current block's CRC is right. If the walk has been here before, the running CRC
+// is the same as then, so each lap from here on is like the last one. They are left out, as many as
+// fit before n_blocks: the walk ends with the same fault, and an anchor that claims a long chain
+// over a short cycle keeps nobody waiting.
+static void leave_out_laps(struct bootside_walk *walk) {
+    const uint32_t lap = chain_walk_lap(walk);
+    if (lap != 0) {
+        walk->position += (walk->n_blocks - 1 - walk->position) / lap * lap;
+    }
+}
+
 // A chain that comes back to one of its blocks shows as a wrong CRC there, since the CRC stored is
 // that of the first visit, or, if the CRC has been forged to match, as a chain that does not end:
 // a block's link is the same at each visit, so a walk that has come back never meets the link 0.
@@ -202,6 +225,7 @@ enum bootside_result chain_walk_step(struct bootside_walk *walk) {
         result = chain_walk_check(walk);
     }
     if (result == bootside_ok) {
+        leave_out_laps(walk);
         result = chain_walk_follow(walk);
     }
     if (result != bootside_bad_block_crc && result != bootside_chain_too_long) {

@@ -30,6 +30,11 @@ enum bootside_result chain_walk_follow(struct bootside_walk *walk);
 // reported as bootside_block_twice. A walk that ends with n_blocks steps has seen no block twice.
 enum bootside_result chain_walk_step(struct bootside_walk *walk);
 
+// Whether the walk stands at a block where it has been before: the number of blocks since then, or
+// 0. To be asked at each block, after chain_walk_follow. Not every return is noticed, but a chain
+// that goes round for ever is: soon after three times the blocks that it has.
+uint32_t chain_walk_lap(const struct bootside_walk *walk);
+
 // One step of the chain's CRC: `crc` continued over the link from `block` to `next`.
 uint32_t chain_walk_crc(const struct bootside_port *port, uint32_t crc, uint32_t block,
                         uint32_t next);

@@ -129,6 +129,33 @@ TEST(bootside, only_the_chains_own_blocks_have_to_be_readable) {
     EXPECT_EQ(1U, boot.walk.fault.block);
 }
 
+// Every CRC right, as an attacker can have it. Where the walk would meet the announced end, after
+// thousands of millions of blocks, is what it says after a few.
+TEST(bootside, a_chain_that_goes_round_for_ever_is_told_soon) {
+    for (uint32_t tail = 0; tail < 9; ++tail) {
+        for (uint32_t lap = 1; lap < 9; ++lap) {
+            for (const uint32_t announced : {tail + lap, tail + lap + 5, 1000U, 2147483646U}) {
+                make_chain(1, tail + lap, 1);
+                device.port.crc32 = [](void *, uint32_t crc, const void *, size_t) { return crc; };
+                device.port.data_size = UINT64_MAX;
+                device.anchor.n_blocks = announced;
+                for (auto &[number, bytes] : device.blocks) {
+                    const auto block = static_cast<uint32_t>(number);
+                    const uint32_t next = block < tail + lap ? block + 1 : tail + 1;
+                    bytes = bytes_of(block_header{block_header_magic, next, device.anchor.crc32});
+                }
+                ASSERT_EQ(bootside_block_twice, bootside_open(&boot, &device.port));
+                const uint32_t first = tail + (announced - tail) % lap;
+                EXPECT_EQ(announced, boot.walk.fault.position);
+                EXPECT_EQ(announced, boot.walk.fault.expected);
+                EXPECT_EQ(first, boot.walk.fault.found);
+                EXPECT_EQ(first + 1, boot.walk.fault.block);
+                EXPECT_GE(6 * (tail + lap), device.calls.size());
+            }
+        }
+    }
+}
+
 // Without a table the blocks are read back before they are written, and must still be the verified.
 TEST(bootside, a_chain_that_changes_after_it_was_opened_is_not_written_on) {
     make_chain(1, 20, 1);
