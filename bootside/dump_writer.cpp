@@ -94,17 +94,23 @@ static enum bootside_result stage_stretch(struct bootside *boot) {
     return stage_from_medium(boot);
 }
 
-// Writes the first `blocks` blocks of the stretch. A pending dump that is being replaced loses its
-// flag before the first of its blocks changes, so that the flag never stands over a mixture.
+// Before the first block of a dump changes, the medium must say that no dump is pending, so that
+// the flag never stands over a mixture of two. A flag that is read as clear may be clear in a cache
+// only, where an earlier try has left it: so what was written before is flushed in any case.
+static enum bootside_result withdraw_older_dump(struct bootside *boot) {
+    const uint32_t flags = boot->walk.flags;
+    return is_dump_pending(flags) ? write_flags(boot, flags & ~initial_block_header_dump_flag)
+                                  : flush(boot);
+}
+
+// Writes the first `blocks` blocks of the stretch.
 static enum bootside_result write_stretch(struct bootside *boot, uint32_t blocks) {
     struct bootside_walk *walk = &boot->walk;
     const struct bootside_port *port = walk->port;
-    if (is_dump_pending(walk->flags)) {
-        const enum bootside_result result =
-            write_flags(boot, walk->flags & ~initial_block_header_dump_flag);
-        if (result != bootside_ok) {
-            return result;
-        }
+    const bool first_of_dump = boot->stretch_first == walk->first_block;
+    const enum bootside_result result = first_of_dump ? withdraw_older_dump(boot) : bootside_ok;
+    if (result != bootside_ok) {
+        return result;
     }
     const uint64_t offset = uint64_t{boot->stretch_first} * walk->block_length;
     const int failed =

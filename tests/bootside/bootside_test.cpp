@@ -119,6 +119,22 @@ TEST(bootside, a_flag_never_stands_over_a_torn_dump) {
     }
 }
 
+// The flag is cleared in the device's cache only; without a flush before it, the next dump's first
+// block may reach the medium earlier.
+TEST(bootside, a_flag_whose_clearing_was_not_flushed_is_flushed_before_the_next_dump) {
+    make_chain(1, 60, 16);
+    ASSERT_EQ(bootside_ok, bootside_open(&boot, &device.port));
+    ASSERT_EQ(bootside_ok, write_dump({{"old", pattern(50 * payload)}}, 999));
+    device.calls.clear();
+    device.calls_left = 2;
+    EXPECT_EQ(bootside_flush_failed, write_dump({{"new", pattern(40 * payload)}}, 999));
+    ASSERT_EQ("CF", device.calls);
+    ASSERT_EQ(bootside_ok, bootside_open(&boot, &device.port));
+    device.calls.clear();
+    EXPECT_EQ(bootside_ok, write_dump({{"new", pattern(40 * payload)}}, 999));
+    EXPECT_EQ("FPPPFSF", device.calls);
+}
+
 // A longer read that fails may have reached for a block that is not the chain's.
 TEST(bootside, only_the_chains_own_blocks_have_to_be_readable) {
     make_chain(1, 40, 16);
@@ -163,7 +179,7 @@ TEST(bootside, a_chain_that_changes_after_it_was_opened_is_not_written_on) {
     device.blocks[4][0] = 0;
     device.calls.clear();
     EXPECT_EQ(bootside_bad_block_magic, write_dump({{"a", pattern(5000)}}, 100));
-    EXPECT_EQ("RPRPRPR", device.calls);
+    EXPECT_EQ("RFPRPRPR", device.calls);
 }
 
 TEST(bootside, a_stream_of_nothing_but_headers_is_bounded) {
