@@ -47,7 +47,8 @@ enum bootside_result {
     bootside_does_not_fit,
     bootside_data_missing,  // a file was begun and its announced bytes have not all been given
     bootside_data_excess,   // more bytes than the file was announced with
-    bootside_out_of_order
+    bootside_out_of_order,
+    bootside_no_file  // no file was begun, or each one was refused
 };
 
 // A line about `result` for a console, without line end: never null, constant.

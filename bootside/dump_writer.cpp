@@ -236,8 +236,11 @@ enum bootside_result bootside_begin_file(struct bootside *boot, const char *name
 }
 
 enum bootside_result bootside_write(struct bootside *boot, const void *data, size_t length) {
-    if (boot->state != dump_state_writing || boot->files == 0) {
+    if (boot->state != dump_state_writing) {
         return bootside_out_of_order;
+    }
+    if (boot->files == 0) {
+        return bootside_no_file;
     }
     if (length > boot->file_left) {
         return bootside_data_excess;
@@ -257,8 +260,11 @@ static enum bootside_result mark_end(struct bootside *boot) {
 }
 
 enum bootside_result bootside_finish(struct bootside *boot) {
-    if (boot->state != dump_state_writing || boot->files == 0) {
+    if (boot->state != dump_state_writing) {
         return bootside_out_of_order;
+    }
+    if (boot->files == 0) {
+        return bootside_no_file;
     }
     if (boot->file_left != 0) {
         return bootside_data_missing;

@@ -48,6 +48,8 @@ const char *bootside_result_text(enum bootside_result result) {
             return "the file is given more bytes than announced";
         case bootside_out_of_order:
             return "the call is out of order";
+        case bootside_no_file:
+            return "no file was begun";
     }
     return "unknown result";
 }
