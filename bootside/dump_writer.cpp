@@ -136,20 +136,25 @@ static enum bootside_result make_room(struct bootside *boot) {
     return result == bootside_ok ? stage_stretch(boot) : result;
 }
 
-// Appends to the stream; zeros where `data` is null.
-static enum bootside_result put(struct bootside *boot, const unsigned char *data, uint64_t length) {
-    const uint32_t payload = block_payload(boot);
+enum stream_bytes { bytes_of_caller, bytes_of_zero };
+
+// Appends `length` bytes to the stream: those at `data`, or zeros.
+static enum bootside_result put(struct bootside *boot, enum stream_bytes bytes,
+                                const unsigned char *data, uint64_t length) {
+    // Memory may begin at address 0. Compilers assume that nothing is there, and may drop what
+    // reads it. This line hides from them what the address is.
+    __asm__("" : "+r"(data));
     while (length > 0) {
         const enum bootside_result result = make_room(boot);
         if (result != bootside_ok) {
             return result;
         }
-        const uint32_t room = payload - boot->stretch_at;
+        const uint32_t room = block_payload(boot) - boot->stretch_at;
         const uint32_t piece = length < room ? static_cast<uint32_t>(length) : room;
         unsigned char *to = static_cast<unsigned char *>(boot->walk.port->buffer) +
                             size_t{boot->stretch_index} * boot->walk.block_length +
                             sizeof(struct block_header) + boot->stretch_at;
-        if (data != nullptr) {
+        if (bytes == bytes_of_caller) {
             __builtin_memcpy(to, data, piece);
             data += piece;
         } else {
@@ -158,7 +163,7 @@ static enum bootside_result put(struct bootside *boot, const unsigned char *data
         length -= piece;
         boot->stream += piece;
         boot->stretch_at += piece;
-        if (boot->stretch_at == payload) {
+        if (piece == room) {
             ++boot->stretch_index;
             boot->stretch_at = 0;
         }
@@ -226,9 +231,10 @@ enum bootside_result bootside_begin_file(struct bootside *boot, const char *name
     if (data > capacity || size > capacity - data) {
         return bootside_does_not_fit;
     }
-    result = put(boot, nullptr, place - boot->stream);
+    result = put(boot, bytes_of_zero, nullptr, place - boot->stream);
     if (result == bootside_ok) {
-        result = put(boot, reinterpret_cast<const unsigned char *>(&header), sizeof(header));
+        result = put(boot, bytes_of_caller, reinterpret_cast<const unsigned char *>(&header),
+                     sizeof(header));
     }
     boot->file_left = size;
     ++boot->files;
@@ -246,7 +252,7 @@ enum bootside_result bootside_write(struct bootside *boot, const void *data, siz
         return bootside_data_excess;
     }
     boot->file_left -= length;
-    return put(boot, static_cast<const unsigned char *>(data), length);
+    return put(boot, bytes_of_caller, static_cast<const unsigned char *>(data), length);
 }
 
 // Zeros where the next header would stand, and to the end of that block: the device's parser stops
@@ -256,7 +262,8 @@ static enum bootside_result mark_end(struct bootside *boot) {
     const uint64_t place = dump_file_header_place(boot->stream, block_payload(boot));
     const uint64_t block_end = (place / payload + 1) * payload;
     const uint64_t capacity = bootside_capacity(boot);
-    return put(boot, nullptr, (block_end < capacity ? block_end : capacity) - boot->stream);
+    return put(boot, bytes_of_zero, nullptr,
+               (block_end < capacity ? block_end : capacity) - boot->stream);
 }
 
 enum bootside_result bootside_finish(struct bootside *boot) {
