@@ -4,12 +4,12 @@
 //
 // Freestanding: no library, allocation, static state, exceptions or RTTI. A port supplies the
 // callbacks of bootside_port and defines memcpy, memset, memmove and memcmp, which compilers call.
-// The header is C11 and C++17; the records are little-endian, and so must the processor be.
+// The header is C11 and C++17. The processor must be little-endian, as the records are.
 //
 // Order of calls: bootside_open, bootside_begin_dump, then for each file bootside_begin_file and as
-// many bootside_write as wanted, then bootside_finish. Only bootside_finish makes the dump
-// visible. After a failed transfer or flush there is no way on but bootside_open: every other call
-// is refused with bootside_out_of_order.
+// many bootside_write as wanted, then bootside_finish. Only bootside_finish
+// lets the device see the dump. After a failed transfer or flush only bootside_open helps: every
+// other call is refused with bootside_out_of_order.
 #ifndef TARNIX_BOOTSIDE_BOOTSIDE_H
 #define TARNIX_BOOTSIDE_BOOTSIDE_H
 
@@ -66,15 +66,16 @@ struct bootside_port {
     int (*write_misc)(void *user, uint64_t offset, const void *data, size_t length);
     int (*read_data)(void *user, uint64_t offset, void *buffer, size_t length);
     int (*write_data)(void *user, uint64_t offset, const void *data, size_t length);
-    // Returns 0 once all that was written to both partitions stands on the medium.
+    // Returns 0 once all that was written to both partitions is on the medium. Called before the
+    // first block of a dump and, in bootside_finish, before and after the flag is set.
     int (*flush)(void *user);
     // zlib's crc32: CRC-32 of IEEE 802.3, continued from `crc`, the result for earlier bytes or 0.
     uint32_t (*crc32)(void *user, uint32_t crc, const void *data, size_t length);
     uint64_t data_size;  // bytes in the data partition
-    // Working memory, any alignment, the kit's from bootside_open on. One block is enough; from
-    // two blocks on, a part remembers the chain's physical runs, which saves reading blocks back
-    // before they are written; the larger the rest, the fewer and larger the transfers (1 MiB is
-    // plenty).
+    // Working memory, of any alignment but not at address 0; the kit's from bootside_open on. One
+    // block is enough. From two blocks on, a part of it remembers which blocks of the chain follow
+    // each other on the medium, so that they need not be read back before they are written. The
+    // larger the rest, the fewer and larger the transfers: 1 MiB is plenty.
     void *buffer;
     size_t buffer_size;
 };
@@ -183,9 +184,10 @@ uint64_t bootside_need(const struct bootside *boot, const uint64_t *sizes, size_
 // looks at nothing but its arguments.
 enum bootside_result bootside_check_file(const char *name, uint64_t size);
 
-// Starts a dump on an opened chain. Refused with bootside_dump_pending while an earlier dump waits
-// for the device, unless `replace` is not 0: then that dump is given up, by clearing its flag, when
-// the first block is written over.
+// Starts a dump on an opened chain, writing nothing. While an earlier dump waits for the device,
+// this is refused with bootside_dump_pending if `replace` is 0. Else that dump is given up: its
+// flag is cleared right before the first block is written. A flush always comes before that block,
+// so that no flag of an earlier dump can be left on the medium over the new one's blocks.
 enum bootside_result bootside_begin_dump(struct bootside *boot, int replace);
 
 // Starts the next file. `name` has 1 to 19 characters, no "/"; `size` is the number of bytes to
@@ -193,13 +195,14 @@ enum bootside_result bootside_begin_dump(struct bootside *boot, int replace);
 // another file may be tried or the dump finished without it.
 enum bootside_result bootside_begin_file(struct bootside *boot, const char *name, uint64_t size);
 
-// The next `length` bytes of the file begun last. They are copied; when the buffer is full of
-// blocks it is written. A file once begun must get all its bytes, so fill up what cannot be read;
-// the only other way out is bootside_begin_dump, which starts over.
+// Gives the next `length` bytes of the file begun last. `data` may be any address that can be read,
+// 0 too. The bytes are copied into the buffer, which is written whenever it is full. A file once
+// begun must get all its bytes, so fill up what cannot be read; the only other way out is
+// bootside_begin_dump, which starts the dump over.
 enum bootside_result bootside_write(struct bootside *boot, const void *data, size_t length);
 
 // Writes what is left and the mark of the dump's end, flushes, sets the flag in the anchor,
-// flushes. Needs at least one file, and all of its bytes.
+// flushes. Needs at least one file, and all bytes of each.
 enum bootside_result bootside_finish(struct bootside *boot);
 
 #ifdef __cplusplus

@@ -27,7 +27,7 @@ uint32_t chain_walk_crc(const struct bootside_port *port, uint32_t crc, uint32_t
     return port->crc32(port->user, crc, &link, sizeof(link));
 }
 
-// The geometry that the anchor claims, against what the partition can hold and the buffer takes.
+// Checks what the anchor says of the chain against the partition's size and the buffer's.
 static enum bootside_result check_geometry(struct bootside_walk *walk) {
     const uint32_t length = walk->block_length;
     if (!is_block_length(length)) {
@@ -35,11 +35,11 @@ static enum bootside_result check_geometry(struct bootside_walk *walk) {
                             offsetof(struct initial_block_header, block_length),
                             initial_block_header_min_block_length, length);
     }
-    // Block numbers stay below 2^31: that is as far as a file system's answers go.
+    // Block numbers are below 2^31: file systems answer with no larger ones.
     const uint64_t blocks = walk->port->data_size / length;
     walk->data_blocks = blocks < 0x80000000U ? static_cast<uint32_t>(blocks) : 0x80000000U;
-    // Block 0 is never in a chain, so a partition of n blocks holds n - 1 at most. This is what
-    // bounds the walk, whatever the anchor claims.
+    // Block 0 is never in a chain, so a partition of n blocks holds n - 1 of them at most. This
+    // keeps the walk from going on for ever, whatever the anchor says.
     if (walk->n_blocks == 0 || walk->n_blocks >= walk->data_blocks) {
         return anchor_fault(walk, bootside_bad_block_count,
                             offsetof(struct initial_block_header, n_blocks),
@@ -105,9 +105,9 @@ static int read_window(struct bootside_walk *walk, uint32_t blocks) {
     return failed;
 }
 
-// Brings the current block into the buffer, with as many behind it as are worth a guess: the window
-// doubles while the chain runs straight on and halves at every jump, so that a scattered chain is
-// not read many times over.
+// Brings the current block into the buffer, and with it blocks that may be the next ones: twice as
+// many as last time where the chain has gone straight on, half as many after a jump. So most of
+// what is read of a scattered chain is used.
 static enum bootside_result load(struct bootside_walk *walk) {
     if (walk->block - walk->window_first < walk->window_blocks) {
         return bootside_ok;
@@ -121,7 +121,7 @@ static enum bootside_result load(struct bootside_walk *walk) {
     walk->window_wish = wish < 1 ? 1 : wish < limit ? wish : limit;
     int failed = read_window(walk, walk->window_wish);
     if (failed != 0 && walk->window_wish > 1) {
-        // The block that cannot be read may be one that is only guessed to be in the chain.
+        // The block that cannot be read may be one that is not in the chain.
         walk->window_wish = 1;
         failed = read_window(walk, 1);
     }
@@ -189,8 +189,8 @@ uint32_t chain_walk_lap(const struct bootside_walk *walk) {
     return walk->block == walk->mark_block ? walk->position - walk->mark_position : 0;
 }
 
-// Looks for `block` among the first `positions` blocks, by the links alone. Returns the position,
-// or `positions` when it is not there.
+// Looks for `block` among the first `positions` blocks of the chain, checking no CRC. Returns its
+// position, or `positions` when it is not there.
 static uint32_t first_position_of(const struct bootside_walk *from, uint32_t block,
                                   uint32_t positions) {
     struct bootside_walk walk = *from;
@@ -214,11 +214,10 @@ static void leave_out_laps(struct bootside_walk *walk) {
     }
 }
 
-// A chain that comes back to one of its blocks shows as a wrong CRC there, since the CRC stored is
-// that of the first visit, or, if the CRC has been forged to match, as a chain that does not end:
-// a block's link is the same at each visit, so a walk that has come back never meets the link 0.
-// For the same reason a walk that ends after n_blocks blocks has met each of them once, and nothing
-// needs to be remembered to know it.
+// How a chain that comes back to one of its blocks is found out, with nothing remembered: there the
+// CRC is wrong, since the stored one is that of the first visit. If all CRCs have been forged to
+// match, the chain does not end: a block has one link, the same at each visit, so the walk never
+// meets the link 0. And so a walk that ends after n_blocks blocks has met each of them once.
 enum bootside_result chain_walk_step(struct bootside_walk *walk) {
     enum bootside_result result = chain_walk_read(walk);
     if (result == bootside_ok) {

@@ -1,8 +1,9 @@
-// Walking the chain by its links, one block after another, from an anchor that nobody vouches for.
+// Walks the chain by its links, one block after another. The anchor and the blocks may hold
+// anything: nothing of them is used before it is checked.
 //
-// A strict walk calls chain_walk_start and then chain_walk_step until `position` is `n_blocks`. A
-// reader that wants what can still be had of a damaged chain calls the three parts of a step itself
-// and goes on after a wrong CRC. Every failure fills walk->fault.
+// To verify a chain, call chain_walk_start and then chain_walk_step until `position` is `n_blocks`.
+// To get what can still be read of a damaged chain, call the three parts of a step instead, and go
+// on after a wrong CRC. Every failure fills walk->fault.
 #ifndef TARNIX_BOOTSIDE_CHAIN_WALK_H
 #define TARNIX_BOOTSIDE_CHAIN_WALK_H
 
@@ -26,13 +27,14 @@ enum bootside_result chain_walk_check(struct bootside_walk *walk);
 // have been seen, or is not 0 in the last of them.
 enum bootside_result chain_walk_follow(struct bootside_walk *walk);
 
-// The three above; and a block that turns out wrong because the chain has been there before is
-// reported as bootside_block_twice. A walk that ends with n_blocks steps has seen no block twice.
+// The three above. If a block is wrong because the chain has been there before, the result is
+// bootside_block_twice. A walk that has done all its n_blocks steps has seen no block twice.
 enum bootside_result chain_walk_step(struct bootside_walk *walk);
 
-// Whether the walk stands at a block where it has been before: the number of blocks since then, or
-// 0. To be asked at each block, after chain_walk_follow. Not every return is noticed, but a chain
-// that goes round for ever is: soon after three times the blocks that it has.
+// Whether the walk has come back: the number of blocks since it stood at this one before, or 0. To
+// be asked after each chain_walk_follow. The first block met again is not always noticed; but a
+// chain that goes round for ever is, before the walk has done three times as many steps as it has
+// blocks.
 uint32_t chain_walk_lap(const struct bootside_walk *walk);
 
 // One step of the chain's CRC: `crc` continued over the link from `block` to `next`.

@@ -6,10 +6,10 @@
 #include "chain/format/dump_layout.h"
 
 enum dump_state : uint32_t {
-    dump_state_closed,   // no chain that may be written to
+    dump_state_closed,   // there is no chain that may be written to
     dump_state_opened,   // the chain is verified
     dump_state_writing,  // bootside_begin_dump has been called
-    dump_state_broken    // a transfer failed: nothing more is written, and no flag set
+    dump_state_broken    // a transfer failed: nothing more is written, and the flag is not set
 };
 
 // Payload bytes in a block.

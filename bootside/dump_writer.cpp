@@ -1,15 +1,15 @@
-// Lays the dump stream into the chain.
+// Writes the dump's stream into the chain.
 //
-// Blocks are staged in the working buffer as a stretch: consecutive both in the chain and on the
-// medium, each with its header in place, so that one transfer writes them whole. The headers come
-// from the run table, or, where that had no room, from reading the blocks back.
+// Blocks are put together in the working buffer. Those in it at one time, a stretch, follow each
+// other in the chain and on the medium, and each has its header, so that one transfer writes them
+// all. The headers are made from the run table. Blocks that the table had no room for are read
+// back.
 #include "bootside/chain_walk.h"
 #include "bootside/dump_state.h"
 #include "bootside/run_table.h"
 #include "chain/format/initial_block_header.h"
 
-// After a failed transfer nobody knows what stands on the medium; the flag is out of reach from
-// here.
+// What the medium holds is now unknown; the state broken makes sure that the flag is never set.
 static enum bootside_result give_up(struct bootside *boot, enum bootside_result result,
                                     uint64_t offset, int returned) {
     boot->state = dump_state_broken;
@@ -22,8 +22,8 @@ static enum bootside_result flush(struct bootside *boot) {
     return failed == 0 ? bootside_ok : give_up(boot, bootside_flush_failed, 0, failed);
 }
 
-// Changes nothing of the anchor but its flags, in four bytes: no sector boundary lies in them, so
-// that they are on the medium old or new.
+// Writes the four bytes of the flags and nothing else of the anchor. They lie in one sector, so
+// after a power cut the medium has the old flags or the new ones, not a mixture.
 static enum bootside_result write_flags(struct bootside *boot, uint32_t flags) {
     const struct bootside_port *port = boot->walk.port;
     const uint64_t offset =
@@ -38,7 +38,8 @@ static enum bootside_result write_flags(struct bootside *boot, uint32_t flags) {
     return flush(boot);
 }
 
-// A stretch out of the run table: the same bytes as the headers that the opening walk has verified.
+// Makes the stretch's headers from the run table: the same bytes as those that the opening walk has
+// verified.
 static void stage_from_table(struct bootside *boot, const struct chain_run *run,
                              uint32_t after_run) {
     struct bootside_walk *walk = &boot->walk;
@@ -61,11 +62,11 @@ static void stage_from_table(struct bootside *boot, const struct chain_run *run,
     }
 }
 
-// A stretch read back from the medium, verified once more on the way.
+// Reads the stretch back from the medium, and verifies its headers once more.
 static enum bootside_result stage_from_medium(struct bootside *boot) {
     struct bootside_walk *walk = &boot->walk;
-    // The window holds nothing any more, but its end still tells whether the chain runs straight
-    // on.
+    // The stretch has overwritten what the window held. Where the window ended is kept: if the
+    // chain goes on just there, the next read may be longer.
     walk->window_first += walk->window_blocks;
     walk->window_blocks = 0;
     boot->stretch_blocks = 0;
@@ -124,7 +125,8 @@ static enum bootside_result write_stretch(struct bootside *boot, uint32_t blocks
     return bootside_write_failed;
 }
 
-// Makes room for payload at stretch_index, stretch_at. The caller knows that the chain has some.
+// Makes sure that stretch_index, stretch_at is a place for payload. The chain must have one left:
+// the callers have compared sizes with the capacity.
 static enum bootside_result make_room(struct bootside *boot) {
     if (boot->stretch_index < boot->stretch_blocks) {
         return bootside_ok;
@@ -203,7 +205,7 @@ enum bootside_result bootside_check_file(const char *name, uint64_t size) {
     if (length == 0) {
         return bootside_name_empty;
     }
-    // Dot names are directories: the device could not open them as files.
+    // These two are directories: the device could not make such a file.
     if (name[0] == '.' && (length == 1 || (length == 2 && name[1] == '.'))) {
         return bootside_name_not_plain;
     }
@@ -255,8 +257,9 @@ enum bootside_result bootside_write(struct bootside *boot, const void *data, siz
     return put(boot, bytes_of_caller, static_cast<const unsigned char *>(data), length);
 }
 
-// Zeros where the next header would stand, and to the end of that block: the device's parser stops
-// there, whatever an older dump has left behind it. A full chain has no such place and needs none.
+// Writes zeros where the next header would stand, and on to the end of that block: the device stops
+// reading there and does not see what is left of an older dump. In a full chain there is no such
+// place; the device stops at the chain's end.
 static enum bootside_result mark_end(struct bootside *boot) {
     const uint32_t payload = block_payload(boot);
     const uint64_t place = dump_file_header_place(boot->stream, block_payload(boot));
