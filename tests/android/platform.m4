@@ -11,9 +11,11 @@ class lnk_file
 class blk_file
 class filesystem
 class capability
+class cap_userns
 class property_service
 class fd
 sid kernel
+common cap { chown dac_override dac_read_search fowner mknod sys_admin sys_rawio sys_resource }
 common file { append create execute execute_no_trans entrypoint getattr ioctl link lock map mounton
     open quotaon read relabelfrom relabelto rename setattr swapon unlink write }
 class process { fork getattr noatsecure rlimitinh sigchld siginh transition }
@@ -22,7 +24,8 @@ class dir inherits file { add_name remove_name reparent rmdir search }
 class lnk_file inherits file
 class blk_file inherits file
 class filesystem { getattr mount unmount }
-class capability { chown dac_override dac_read_search fowner mknod sys_admin sys_rawio sys_resource }
+class capability inherits cap
+class cap_userns inherits cap
 class property_service { set }
 class fd { use }
 sensitivity s0;
@@ -32,6 +35,7 @@ level s0:c0;
 mlsconstrain process transition (h1 dom h2);
 
 # global_macros and te_macros
+define(`global_capability_class_set', `{ capability cap_userns }')
 define(`r_file_perms', `{ getattr open read ioctl lock map }')
 define(`rw_file_perms', `{ getattr open read ioctl lock map append write }')
 define(`create_file_perms', `{ create rename setattr unlink rw_file_perms }')
@@ -58,6 +62,11 @@ attribute property_type;
 type kernel, domain;
 type init, domain;
 type vendor_init, domain;
+type recovery, domain;
+type ueventd, domain;
+type healthd, domain;
+type uncrypt, domain;
+type tee, domain;
 type device, dev_type;
 type block_device, dev_type;
 type misc_block_device, dev_type;
@@ -82,7 +91,9 @@ include(`vendor_init.te')
 # The platform's own limits.
 neverallow { domain -init } block_device:blk_file { open read write };
 ifelse(target_build_variant, `user', `
-neverallow { domain -init -vendor_init } misc_block_device:blk_file { append open read write ioctl };')
+neverallow { domain -init -vendor_init } misc_block_device:blk_file { append open read write ioctl };
+neverallow { domain -kernel -init -recovery -ueventd -healthd -uncrypt -tee }
+    self:global_capability_class_set sys_rawio;')
 # What this service never needs.
 neverallow tarnix self:capability ~sys_rawio;
 neverallow tarnix { dev_type -userdata_block_device -misc_block_device }:blk_file *;

@@ -45,3 +45,10 @@ def test_policy_compiles_and_labels_what_it_declares(tmp_path, variant):
     used = set(re.findall(r'property_[gs]et\("([^"]+)"', sources))
     assert {name for name, _ in labels} == used - {"ro.hardware", "ro.crypto.state"} | {
         "vendor.tarnix.start"}
+
+
+@pytest.mark.parametrize("rule", ["misc_block_device:blk_file { open read write }",
+                                  "self:capability sys_rawio"])
+def test_policy_gives_no_user_build_what_the_platform_keeps(tmp_path, rule):
+    result = compile_policy("user", tmp_path / "policy", f"\nallow tarnix {rule};")
+    assert result.returncode != 0 and "neverallow" in result.stderr, result.stderr
