@@ -12,8 +12,10 @@ int main(int argc, char *argv[]) {
     testing::InitGoogleTest(&argc, argv);
     const std::string reason = enter_private_root();
     if (!reason.empty()) {
-        printf("SKIPPED: all %d unit tests, for want of a private root (%s)\n",
-               testing::UnitTest::GetInstance()->total_test_count(), reason.c_str());
+        printf(
+            "SKIPPED: all %d tests of %s, for want of a mount namespace (%s). unit-arm64 runs the "
+            "unit tests on the emulated device.\n",
+            testing::UnitTest::GetInstance()->total_test_count(), argv[0], reason.c_str());
         return skipped;
     }
     umask(022);

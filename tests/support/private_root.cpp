@@ -1,10 +1,13 @@
 #include "tests/support/private_root.h"
 
 #include <android-base/file.h>
+#include <android-base/unique_fd.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -21,6 +24,23 @@ static const char real_proc[] = "/.proc/";
 // By its number: so the leak check at the end looks for its own process.
 static std::string test_binary_pid;
 
+// Keeps what is mounted from now on inside the process's own namespace. Only a mount point can be
+// told so, and inside a chroot "/" is none. So the mount that it lies on is told, from outside of
+// the chroot: ".." leads there while the working directory is not below the root.
+static bool keep_mounts_private() {
+    const android::base::unique_fd root(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (root == -1 || chdir("/") == -1 || chroot("/usr") == -1) {
+        return false;
+    }
+    struct stat here = {};
+    struct stat above = {};
+    do {
+        must(stat(".", &here) == 0 && chdir("..") == 0 && stat(".", &above) == 0, "..");
+    } while (here.st_dev != above.st_dev || here.st_ino != above.st_ino);
+    return mount(nullptr, ".", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && fchdir(root) == 0 &&
+           chroot(".") == 0;
+}
+
 // Root makes a mount namespace just so; anybody else needs to be root of a user namespace first.
 static bool enter_namespace() {
     const std::string uid_map = "0 " + std::to_string(geteuid()) + " 1";
@@ -32,7 +52,7 @@ static bool enter_namespace() {
     return (is_root || (WriteStringToFile("deny", "/proc/self/setgroups") &&
                         WriteStringToFile(uid_map, "/proc/self/uid_map") &&
                         WriteStringToFile(gid_map, "/proc/self/gid_map"))) &&
-           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+           keep_mounts_private();
 }
 
 // Shows a directory of the machine, if it has it, at `place` of the new root.
