@@ -61,6 +61,8 @@ def test_refusals(prepared):
         Step(f"tarnix -t {MAP}", 0, [
             *START, *found_device(), *anchor_fields(0, 0, 0, 0, 0, 0),
             f"I  block size: {BLOCK} bytes", READING, "I Read 0 blocks successfully"]),
+        # What stands behind the map file is no option.
+        Step(f"tarnix {MAP} -t", 0, [*START, *plain()]),
         Step(f"tarnix -a {MAP} {MAP}", 255, [
             *refused(MAP, 0), "E auto create is not supported yet!!", FAILED]),
         # A file of no bytes, as that run leaves it, is a map, too, if there is an anchor's magic.
@@ -80,5 +82,5 @@ def test_refusals(prepared):
         "I Opened /data/out for writing", "I Success"]
     assert f"avail space: {int(runs[7].shell) * BLOCK}," in runs[7].text
     states = [run.properties["persist.vendor.tarnix.map"] for run in runs]
-    assert states == ["valid"] * 8 + ["invalid"] * 4 + ["valid"]
+    assert states == ["valid"] * 8 + ["invalid"] * 5 + ["valid"]
     assert is_untouched(phone)
