@@ -14,10 +14,13 @@ LIBRARY_FOLDERS = ("lib/aarch64-linux-gnu", "usr/lib/aarch64-linux-gnu",
 ELF_AARCH64 = b"\xb7\0"
 INTERPRETER = "ld-linux-aarch64.so.1"
 
-# Below kernel/ of the kernel package, in the order in which they need one another.
-MACHINE_MODULES = ("drivers/virtio/virtio_mmio", "drivers/block/virtio_blk",
-                   "net/9p/9pnet", "net/9p/9pnet_virtio",
-                   "fs/netfs/netfs", "fs/fscache/fscache", "fs/9p/9p")
+# The Debian releases whose kernels there are, that of the sysroot first.
+KERNELS = ("bookworm", "bullseye", "trixie")
+# Below kernel/ of the kernel package, in the order in which they need one another. What one of the
+# kernels has built in or does not know is left out there.
+MACHINE_MODULES = ("drivers/virtio/virtio", "drivers/virtio/virtio_ring",
+                   "drivers/virtio/virtio_mmio", "drivers/block/virtio_blk", "fs/netfs/netfs",
+                   "fs/fscache/fscache", "net/9p/9pnet", "net/9p/9pnet_virtio", "fs/9p/9p")
 FS_MODULES = {
     "ext4": ("lib/crc16", "fs/mbcache", "fs/jbd2/jbd2", "crypto/crc32c_generic", "fs/ext4/ext4"),
     "f2fs": ("crypto/crc32_generic", "lib/zstd/zstd_compress", "lib/lz4/lz4_compress",
@@ -29,6 +32,10 @@ DIRECTORIES = ("proc", "sys", "dev", "tmp", "host", "data", "modules", "lib", "b
 def read_file(path):
     with open(path, "rb") as stream:
         return stream.read()
+
+
+def kernel_folder(kernel):
+    return os.path.join(CACHE, "kernel" if kernel == KERNELS[0] else f"kernels/{kernel}/kernel")
 
 
 def find_library(name):
@@ -66,14 +73,16 @@ def is_program(path):
     return True
 
 
-def collect(fs, additions):
+def collect(fs, kernel, additions):
     """Everything in the root: path without leading slash -> (mode, content)."""
     root = {name: (stat.S_IFDIR | 0o755, b"") for name in DIRECTORIES}
     root["bin/sh"] = (stat.S_IFLNK | 0o777, b"busybox")
     files = {"init": os.path.join(ROOM, "init"),
              "bin/busybox": os.path.join(SYSROOT, "bin/busybox")}
-    modules = {os.path.basename(module) + ".ko": os.path.join(CACHE, f"kernel/modules/{module}.ko")
-               for module in MACHINE_MODULES + FS_MODULES[fs]}
+    folder = os.path.join(kernel_folder(kernel), "modules")
+    modules = {os.path.basename(module) + ".ko": os.path.join(folder, f"{module}.ko")
+               for module in MACHINE_MODULES + FS_MODULES[fs]
+               if os.path.exists(os.path.join(folder, f"{module}.ko"))}
     files |= {f"modules/{name}": path for name, path in modules.items()}
     files["modules/order"] = "".join(f"{name}\n" for name in modules).encode()
     files |= {path.lstrip("/"): source for path, source in additions.items()}
@@ -103,9 +112,9 @@ def write_cpio(path, root):
             stream.write(content + b"\0" * (-len(content) % 4))
 
 
-def make(path, fs, additions):
-    """Writes the archive for a device with the given file system.
+def make(path, fs, kernel, additions):
+    """Writes the archive for a device with the given file system and kernel.
 
     additions: path on the device -> host path, whose mode it keeps, or bytes. Of a host file that
     is a program the shared libraries come with it, from the sysroot."""
-    write_cpio(path, collect(fs, additions))
+    write_cpio(path, collect(fs, kernel, additions))

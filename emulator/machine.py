@@ -3,9 +3,6 @@
 import os
 import subprocess
 
-from initramfs import CACHE
-
-KERNEL = os.path.join(CACHE, "kernel/Image")
 # One processor: two make a boot slower, and much slower when another device runs beside it.
 MACHINE = ["-M", "virt,gic-version=2", "-cpu", "cortex-a57", "-smp", "1", "-m", "512",
            "-nodefaults", "-nic", "none", "-display", "none"]
@@ -67,13 +64,14 @@ def disk_options(disk, log_writes=None, blkdebug=None, snapshot=False):
 
 
 def run(shared, command_line, disk, device_tree, timeout):
-    """Boots and waits for the end. shared: folder that holds `initrd`, receives `console`, and that
-    the device mounts at /host. disk: disk_options(). device_tree: as write_device_tree() takes it.
+    """Boots and waits for the end. shared: folder that holds the kernel, `Image`, and `initrd`,
+    receives `console`, and that the device mounts at /host. disk: disk_options(). device_tree: as
+    write_device_tree() takes it.
 
     Raises MachineError when the device does not reach the end of its session in timeout seconds."""
     console = os.path.join(shared, "console")
     options = ["qemu-system-aarch64", *MACHINE, "-global", "virtio-mmio.force-legacy=false",
-               "-no-reboot", "-kernel", KERNEL, "-serial", "chardev:console",
+               "-no-reboot", "-kernel", os.path.join(shared, "Image"), "-serial", "chardev:console",
                "-chardev", f"file,id=console,path={option_path(console)}",
                "-initrd", os.path.join(shared, "initrd"),
                "-append", f"{COMMAND_LINE} {command_line}", *disk,

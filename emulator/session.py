@@ -59,8 +59,12 @@ def start(device, shared, description, script, additions, disk, timeout):
     os.makedirs(shared)
     script = f"link_partitions {description['links']}\n{script}"
     initrd = os.path.join(shared, "initrd")
-    initramfs.make(initrd, description["fs"], {**folder_files(os.path.join(device, "root")),
-                                               **additions, "emulator/session": script.encode()})
+    kernel = description["kernel"]
+    os.symlink(os.path.join(initramfs.kernel_folder(kernel), "Image"),
+               os.path.join(shared, "Image"))
+    files = {**folder_files(os.path.join(device, "root")), **additions,
+             "emulator/session": script.encode()}
+    initramfs.make(initrd, description["fs"], kernel, files)
     tree = {name: bytes.fromhex(value) for name, value in description["device_tree"].items()}
     try:
         machine.run(shared, description["cmdline"], disk, tree, timeout)

@@ -12,6 +12,7 @@ from chain_image import ANCHOR_MAGIC, headers
 
 SYSROOT = os.environ.get("TARNIX_EMULATOR_CACHE", f"{REPO}/build/emulator") + "/sysroot"
 CHAIN = os.environ.get("TARNIX_CHAIN", f"{REPO}/build/native/tools/tarnix-chain")
+KERNEL = os.environ.get("TARNIX_KERNEL", "bookworm")
 EMULATOR_FAILED = 125
 
 MAP = "/data/vendor/ramdump/ramdump.map"
@@ -29,7 +30,8 @@ def run(*command, accept=(0,), **how):
 
 
 def device(command, folder, *arguments, accept=(0,)):
-    return run(f"{REPO}/emulator/device", command, folder, *arguments, accept=accept)
+    kernel = ("--kernel", KERNEL) if command == "make" else ()
+    return run(f"{REPO}/emulator/device", command, folder, *kernel, *arguments, accept=accept)
 
 
 def compile_for_device(source, program):
