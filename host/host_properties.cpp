@@ -1,5 +1,6 @@
 // System properties on a Linux machine: a directory with one file a property, its name the key and
-// its content the value. The directory is $TARNIX_PROPERTIES, else /dev/__properties__.
+// its content the value, less a final newline. The directory is $TARNIX_PROPERTIES, else
+// /dev/__properties__.
 #include <android-base/file.h>
 #include <android-base/properties.h>
 #include <dirent.h>
@@ -24,9 +25,15 @@ static bool is_property_name(const char *name) {
 }
 
 static bool read_value(const std::string &name, std::string *value) {
-    return is_property_name(name.c_str()) &&
-           android::base::ReadFileToString(property_directory() + "/" + name, value) &&
-           value->size() < PROP_VALUE_MAX;
+    if (!is_property_name(name.c_str()) ||
+        !android::base::ReadFileToString(property_directory() + "/" + name, value)) {
+        return false;
+    }
+    // Of a file written with echo.
+    if (!value->empty() && value->back() == '\n') {
+        value->pop_back();
+    }
+    return value->size() < PROP_VALUE_MAX;
 }
 
 int __system_property_get(const char *name, char *value) {

@@ -53,6 +53,9 @@ TEST(host_properties, limits) {
     EXPECT_EQ("", get("too.long"));
     EXPECT_TRUE(WriteStringToFile(std::string("a\0b", 3), store + "/nul"));
     EXPECT_EQ("a", get("nul"));
+    // What echo writes.
+    EXPECT_TRUE(WriteStringToFile(longest + "\n", store + "/echo"));
+    EXPECT_EQ(longest, get("echo"));
     for (const char *name : {"", "..", ".hidden", "../outside"}) {
         EXPECT_EQ(-1, __system_property_set(name, "x")) << name;
         EXPECT_EQ("", get(name)) << name;
