@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <string.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include "config/log.h"
 
@@ -12,7 +13,7 @@ uint64_t get_directory_available_space(const char * /* path */) {
     static const char directory[] = "/data/vendor";
     struct statvfs file_system;
     uint64_t available = 0;
-    if (statvfs(directory, &file_system) == 0) {
+    if (TEMP_FAILURE_RETRY(statvfs(directory, &file_system)) == 0) {
         available = static_cast<uint64_t>(file_system.f_bavail) * file_system.f_bsize;
     } else {
         log_error("%s: Could not statvfs %s: %s\n", __func__, directory, strerror(errno));

@@ -10,7 +10,9 @@
 #include "config/log.h"
 
 int map_block(int fd, int *block) {
-    return ioctl(fd, FIBMAP, block);
+    const int file_block = *block;
+    // A call that fails may have put a 0 in its place.
+    return static_cast<int>(TEMP_FAILURE_RETRY((*block = file_block, ioctl(fd, FIBMAP, block))));
 }
 
 off64_t seek_to_block(int fd, int64_t block, uint64_t block_size) {

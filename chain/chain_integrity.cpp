@@ -71,7 +71,7 @@ static int walk_chain(int device_fd, uint64_t block_size, uint32_t first_block) 
 
 int test_block_chain(const char *path, const char *blkdev,
                      const struct initial_block_header *anchor) {
-    const int map_fd = open(path, O_RDONLY | O_SYNC);
+    const int map_fd = open_retry(path, O_RDONLY | O_SYNC);
     if (map_fd == -1) {
         log_error("failed to open %s for reading: %s\n", path, strerror(errno));
         return -1;
@@ -95,7 +95,7 @@ int test_block_chain(const char *path, const char *blkdev,
         return -1;
     }
     log_info(" block size: %ld bytes\n", static_cast<long>(device_stat.st_blksize));
-    const int device_fd = open(blkdev, O_RDONLY | O_SYNC);
+    const int device_fd = open_retry(blkdev, O_RDONLY | O_SYNC);
     if (device_fd == -1) {
         log_error("failed to open blk_dev:%s for reading: %s\n", blkdev, strerror(errno));
         return -1;

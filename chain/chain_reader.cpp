@@ -41,13 +41,13 @@ int raw_read_blocks(const char *file, const char *blkdev, const char *outfile) {
     }
 
     // A failure before the copy leaves the descriptors open: the run ends next, and closes them.
-    const int map_fd = open(file, O_RDONLY);
+    const int map_fd = open_retry(file, O_RDONLY);
     if (map_fd == -1) {
         log_error("failed to open infile:%s for reading: %s\n", file, strerror(errno));
         return -1;
     }
-    fsync(map_fd);
-    const int device_fd = open(blkdev, O_RDONLY | O_SYNC);
+    (void)TEMP_FAILURE_RETRY(fsync(map_fd));
+    const int device_fd = open_retry(blkdev, O_RDONLY | O_SYNC);
     if (device_fd == -1) {
         log_error("failed to open blk_dev:%s for reading: %s\n", blkdev, strerror(errno));
         return -1;
@@ -56,7 +56,7 @@ int raw_read_blocks(const char *file, const char *blkdev, const char *outfile) {
 
     // The file system that holds the device's node, not the one that takes the output.
     struct statvfs file_system;
-    if (fstatvfs(device_fd, &file_system) == -1) {
+    if (TEMP_FAILURE_RETRY(fstatvfs(device_fd, &file_system)) == -1) {
         log_error("failed to get vfs stats: %s\n", strerror(errno));
         return -ENOENT;
     }
@@ -68,7 +68,7 @@ int raw_read_blocks(const char *file, const char *blkdev, const char *outfile) {
                   __func__, avail, n);
         return -ESRCH;
     }
-    const int out_fd = open(outfile, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    const int out_fd = open_retry(outfile, O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (out_fd == -1) {
         log_error("failed to open outfile:%s for writing: %s\n", outfile, strerror(errno));
         return -1;
@@ -78,7 +78,7 @@ int raw_read_blocks(const char *file, const char *blkdev, const char *outfile) {
     const int result = copy_blocks(map_fd, device_fd, out_fd, n, buffer.get(), block_size);
     close(map_fd);
     close(device_fd);
-    fsync(out_fd);
+    (void)TEMP_FAILURE_RETRY(fsync(out_fd));
     close(out_fd);
     return result;
 }

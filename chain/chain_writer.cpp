@@ -83,14 +83,14 @@ int raw_write_blocks(const char *file, const char *blkdev) {
     }
 
     // A failure from here on leaves the descriptors open: the run ends next, and closes them.
-    const int map_fd = open(file, O_RDONLY);
+    const int map_fd = open_retry(file, O_RDONLY);
     if (map_fd == -1) {
         log_error("failed to open fd for reading: %s\n", strerror(errno));
         return -1;
     }
     // The file system must have given every block its place before it is asked where that is.
-    fsync(map_fd);
-    const int device_fd = open(blkdev, O_WRONLY);
+    (void)TEMP_FAILURE_RETRY(fsync(map_fd));
+    const int device_fd = open_retry(blkdev, O_WRONLY);
     if (device_fd == -1) {
         log_error("failed to open blk_dev for writing: %s\n", strerror(errno));
         return -1;
@@ -120,7 +120,7 @@ int raw_write_blocks(const char *file, const char *blkdev) {
         log_info("%d/%d\n", n, n);
     }
     close(map_fd);
-    fsync(device_fd);
+    (void)TEMP_FAILURE_RETRY(fsync(device_fd));
     close(device_fd);
 
     // The results are not looked at: the chain itself is done. Without an anchor the next run

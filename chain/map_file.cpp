@@ -51,7 +51,7 @@ int create_file(const char *path, uint64_t size) {
         return -1;
     }
     // A failure from here on leaves the descriptor open: the run ends next, and closes it.
-    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0660);
+    const int fd = open_retry(path, O_WRONLY | O_CREAT | O_TRUNC, 0660);
     if (fd == -1) {
         log_error("failed to open file:%s for writing: %s\n", path, strerror(errno));
         return -1;
@@ -71,7 +71,7 @@ int create_file(const char *path, uint64_t size) {
     if (fill_file(fd, chunk.get(), size) == -1) {
         return -1;
     }
-    fsync(fd);
+    (void)TEMP_FAILURE_RETRY(fsync(fd));
     close(fd);
     return 0;
 }

@@ -1,10 +1,15 @@
 #include "chain/transfer.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <unistd.h>
 
 #include "config/log.h"
+
+int open_retry(const char *path, int flags, mode_t mode) {
+    return static_cast<int>(TEMP_FAILURE_RETRY(open(path, flags, mode)));
+}
 
 // 0 bytes means try again, at the end of a file for ever. That is on purpose: all blocks of the map
 // file lie inside the device.

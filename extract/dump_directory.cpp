@@ -62,7 +62,7 @@ static int comparefun(const struct dirent **a, const struct dirent **b) {
 static uint64_t get_directory_total_space(const char *path) {
     struct statvfs file_system;
     uint64_t total = 0;
-    if (statvfs(path, &file_system) == 0) {
+    if (TEMP_FAILURE_RETRY(statvfs(path, &file_system)) == 0) {
         total = static_cast<uint64_t>(file_system.f_blocks) * file_system.f_bsize;
     } else {
         log_error("%s: Could not statvfs %s: %s\n", __func__, path, strerror(errno));

@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "chain/format/dump_layout.h"
+#include "chain/transfer.h"
 #include "config/log.h"
 #include "extract/bounded_path.h"
 #include "extract/dump_directory.h"
@@ -102,7 +103,7 @@ void sync_dump_files() {
         (void)fflush(output);
     }
     // The whole file system: the files, their directory and the directories above it.
-    const int fd = open(ramdump_path, O_RDONLY | O_DIRECTORY);
+    const int fd = open_retry(ramdump_path, O_RDONLY | O_DIRECTORY);
     if (fd != -1) {
         (void)syncfs(fd);
         close(fd);

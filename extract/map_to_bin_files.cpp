@@ -12,6 +12,7 @@
 
 #include "chain/block_map.h"
 #include "chain/format/dump_layout.h"
+#include "chain/transfer.h"
 #include "config/log.h"
 #include "extract/dump_space.h"
 #include "extract/dump_stream.h"
@@ -56,13 +57,13 @@ int map_to_bin_files(const char *map_path, const char *blkdev) {
         log_error("failed to allocate block buffer\n");
         return -1;
     }
-    const int map_fd = open(map_path, O_RDONLY);
+    const int map_fd = open_retry(map_path, O_RDONLY);
     if (map_fd == -1) {
         log_error("failed to open infile:%s for reading: %s\n", map_path, strerror(errno));
         return -1;
     }
-    (void)fsync(map_fd);
-    const int device_fd = open(blkdev, O_RDONLY | O_SYNC);
+    (void)TEMP_FAILURE_RETRY(fsync(map_fd));
+    const int device_fd = open_retry(blkdev, O_RDONLY | O_SYNC);
     if (device_fd == -1) {
         log_error("failed to open blk_dev:%s for reading: %s\n", blkdev, strerror(errno));
         close(map_fd);

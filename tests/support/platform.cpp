@@ -6,6 +6,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/statvfs.h>
 #include <sys/system_properties.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -68,7 +69,47 @@ static struct scripted_call next_call(call_script *script) {
     return call;
 }
 
+// Says so, with EINTR in errno, of every other call.
+static bool is_interrupted() {
+    static bool last = false;
+    last = platform.interrupts && !last;
+    errno = last ? EINTR : errno;
+    platform.uninterrupted += last ? 0 : 1;
+    return last;
+}
+
 extern "C" {
+
+// The C library's names of these where all files are large.
+#ifdef __GLIBC__
+#define __real_open __real_open64
+#define __wrap_open __wrap_open64
+#define __real_statvfs __real_statvfs64
+#define __wrap_statvfs __wrap_statvfs64
+#define __real_fstatvfs __real_fstatvfs64
+#define __wrap_fstatvfs __wrap_fstatvfs64
+#endif
+
+// Without a mode in the call it is what happens to be there, and not looked at.
+int __real_open(const char *path, int flags, mode_t mode);
+int __wrap_open(const char *path, int flags, mode_t mode) {
+    return is_interrupted() ? -1 : __real_open(path, flags, mode);
+}
+
+int __real_fsync(int fd);
+int __wrap_fsync(int fd) {
+    return is_interrupted() ? -1 : __real_fsync(fd);
+}
+
+int __real_statvfs(const char *path, struct statvfs *space);
+int __wrap_statvfs(const char *path, struct statvfs *space) {
+    return is_interrupted() ? -1 : __real_statvfs(path, space);
+}
+
+int __real_fstatvfs(int fd, struct statvfs *space);
+int __wrap_fstatvfs(int fd, struct statvfs *space) {
+    return is_interrupted() ? -1 : __real_fstatvfs(fd, space);
+}
 
 ssize_t __real_read(int fd, void *buffer, size_t length);
 ssize_t __wrap_read(int fd, void *buffer, size_t length) {
@@ -97,6 +138,10 @@ int __wrap_ioctl(int /* fd */, unsigned long request, ...) {
     va_start(arguments, request);
     int *block = va_arg(arguments, int *);
     va_end(arguments);
+    if (is_interrupted()) {
+        *block = 0;  // as the kernel leaves it
+        return -1;
+    }
     ++platform.fibmap_calls;
     const auto index = static_cast<size_t>(*block);
     const struct fibmap_answer answer =

@@ -40,6 +40,10 @@ struct test_platform {
     call_script reads;
     call_script writes;
     call_script seeks;
+    // Whether each open, fsync, statvfs, fstatvfs and FIBMAP is interrupted before it goes through,
+    // and how many went through.
+    bool interrupts = false;
+    int uninterrupted = 0;
 };
 
 extern struct test_platform platform;

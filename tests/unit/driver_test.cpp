@@ -25,13 +25,17 @@ static int with_arguments(const std::string &arguments, const Function &function
     return function(static_cast<int>(words.size()), argv.data());
 }
 
-DEVICE_TEST(driver, modes_on_a_valid_map) {
+static void prepare_device() {
     set_property("ro.boot.qorramdump", "1");
     set_property("ro.hardware", "virt");
     write_file("/fstab.virt", DEVICE_PATH " /data ext4 noatime wait,check\n");
     write_file(DEVICE_PATH, std::string(16 * block_length, 'd'));
-    make_map_file(2 * block_length);
     platform.fibmap = {{5}, {6}};
+}
+
+DEVICE_TEST(driver, modes_on_a_valid_map) {
+    prepare_device();
+    make_map_file(2 * block_length);
     leave_free("/dev/block", 4096);
     must(symlink(MAP_PATH, "/vendor/link") == 0, "/vendor/link");
 
@@ -53,6 +57,36 @@ DEVICE_TEST(driver, modes_on_a_valid_map) {
         "I raw_read_blocks: 0 avail, 2 blocks needed\n"
         "I Opened /data/out for writing\nI Success\n";
     EXPECT_TRUE(android::base::EndsWith(log, copied)) << log;
+}
+
+DEVICE_TEST(driver, each_call_interrupted_once) {
+    prepare_device();
+    write_file(MISC_PATH, std::string(8192, '\0'));
+    make_directories("/data/vendor/ramdump");
+    leave_free("/dev/block", 4096);
+    const struct {
+        const char *arguments;
+        uint32_t flags;  // of the anchor before the run; 0: none
+        int calls;       // that go through
+    } rows[] = {
+        {"-i 12345678 -a 8192 " MAP_PATH, 0, 9},
+        {"-t " MAP_PATH, 1, 3},
+        {"-r /data/out " MAP_PATH, 1, 8},
+        {"-s " MAP_PATH, 3, 7},
+    };
+    for (const auto &row : rows) {
+        if (row.flags != 0) {
+            write_file_at(MISC_PATH, 3184, anchor_bytes(5, 2, 0x12345678, row.flags));
+        }
+        platform.uninterrupted = 0;
+        platform.interrupts = true;
+        EXPECT_EQ(0, with_arguments(row.arguments, tarnix_main)) << row.arguments;
+        platform.interrupts = false;
+        EXPECT_EQ(row.calls, platform.uninterrupted) << take_log();
+    }
+    const std::vector<std::string> headers = chain_headers(0x12345678, {5, 6});
+    EXPECT_EQ(headers[0] + headers[1],
+              read_file("/data/out").substr(0, 12) + read_file("/data/out").substr(4096, 12));
 }
 
 TEST(driver, map_size) {
