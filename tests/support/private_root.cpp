@@ -29,7 +29,7 @@ static std::string test_binary_pid;
 // the chroot: ".." leads there while the working directory is not below the root.
 static bool keep_mounts_private() {
     const android::base::unique_fd root(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (root == -1 || chdir("/") == -1 || chroot("/usr") == -1) {
+    if (root == -1 || chdir("/") == -1 || chroot(new_root.c_str()) == -1) {
         return false;
     }
     struct stat here = {};
