@@ -1,33 +1,44 @@
-"""Runs the emulated machine once: QEMU's `virt` machine with one disk and one shared folder."""
+"""Runs the emulated machine: QEMU's `virt` machine with one disk and one shared folder."""
 
 import os
 import subprocess
 
+from initramfs import CACHE, REPO
+
 # One processor: two make a boot slower, and much slower when another device runs beside it.
-MACHINE = ["-M", "virt,gic-version=2", "-cpu", "cortex-a57", "-smp", "1", "-m", "512",
-           "-nodefaults", "-nic", "none", "-display", "none"]
-# The kernel tests its ciphers and moves itself for a fifth of the time of a boot otherwise.
-COMMAND_LINE = "console=ttyAMA0 quiet panic=-1 cryptomgr.notests nokaslr"
+MACHINE = ["-M", "virt,gic-version=2", "-cpu", "cortex-a57", "-smp", "1", "-nodefaults",
+           "-nic", "none", "-display", "none"]
+MEMORY = 512  # MiB
+# The kernel tests its ciphers for a tenth of the time of a boot otherwise.
+COMMAND_LINE = "console=ttyAMA0 quiet panic=-1 cryptomgr.notests"
+# And moves itself for another tenth.
+DIRECT_COMMAND_LINE = f"{COMMAND_LINE} nokaslr"
+
+# A start through the firmware. Without ACPI the firmware hands on the device tree.
+FIRMWARE = os.path.join(CACHE, "firmware.fd")
+BOOT_APPLICATION = os.path.join(REPO, "build/arm64/uefi/boot_application.efi")
+FIRMWARE_MACHINE = ["-M", "acpi=off", "-bios", FIRMWARE]
 
 
 class MachineError(Exception):
     """The machine did not run to its end; the message says how far it came."""
 
 
-def write_device_tree(path, properties):
-    """Writes the machine's device tree with the given properties below /firmware added.
+def write_device_tree(path, machine, properties, nodes=""):
+    """Writes the device tree of the machine that the options describe, with additions.
 
-    properties: "android/compatible" -> bytes, as /proc/device-tree shows them."""
-    subprocess.run(["qemu-system-aarch64", *MACHINE, "-M", f"dumpdtb={option_path(path)}"],
+    properties: below /firmware: "android/compatible" -> bytes, as /proc/device-tree shows them.
+    nodes: in the language of dtc."""
+    subprocess.run(["qemu-system-aarch64", *machine, "-M", f"dumpdtb={option_path(path)}"],
                    check=True, capture_output=True, text=True)
     source = subprocess.run(["dtc", "-q", "-I", "dtb", "-O", "dts", path], check=True,
                             capture_output=True, text=True).stdout
     for name, value in properties.items():
-        *nodes, leaf = ["firmware", *name.split("/")]
+        *parents, leaf = ["firmware", *name.split("/")]
         cells = f" = [{value.hex()}]" if value else ""
-        source += "/ { " + " { ".join([*nodes, f"{leaf}{cells};"]) + " };" * len(nodes) + " };\n"
-    subprocess.run(["dtc", "-q", "-I", "dts", "-O", "dtb", "-o", path], input=source, text=True,
-                   check=True)
+        source += "/ { " + " { ".join([*parents, f"{leaf}{cells};"]) + " };" * len(parents) + " };\n"
+    subprocess.run(["dtc", "-q", "-I", "dts", "-O", "dtb", "-o", path], input=source + nodes,
+                   text=True, check=True)
 
 
 def option_path(path):
@@ -59,27 +70,41 @@ def disk_options(disk, log_writes=None, blkdebug=None, snapshot=False):
         options += ["-blockdev", f"driver=blkdebug,node-name=faulty,image={top},"
                                  f"config={option_path(blkdebug)}"]
         top = "faulty"
-    return options + ["-device", f"virtio-blk-device,drive={top},logical_block_size=4096,"
+    return options + ["-device", f"virtio-blk-device,id=disk,drive={top},logical_block_size=4096,"
                                  "physical_block_size=4096"]
 
 
+def qemu_command(shared, machine, disk):
+    """What every start has. shared: folder that holds the kernel, `Image`, and `initrd`, receives
+    `console`, and that the device mounts at /host. disk: disk_options()."""
+    console = os.path.join(shared, "console")
+    return ["qemu-system-aarch64", *machine, "-global", "virtio-mmio.force-legacy=false",
+            "-serial", "chardev:console",
+            "-chardev", f"file,id=console,path={option_path(console)}",
+            "-initrd", os.path.join(shared, "initrd"), *disk,
+            "-fsdev", f"local,id=host,path={option_path(shared)},security_model=none",
+            "-device", "virtio-9p-device,fsdev=host,mount_tag=host"]
+
+
+def check_end(shared, status, output):
+    if status != 0:
+        raise MachineError(f"QEMU ended with status {status}: {output}")
+    if not os.path.exists(os.path.join(shared, "finished")):
+        raise MachineError("the device stopped before the end of its session")
+
+
 def run(shared, command_line, disk, device_tree, timeout):
-    """Boots and waits for the end. shared: folder that holds the kernel, `Image`, and `initrd`,
-    receives `console`, and that the device mounts at /host. disk: disk_options(). device_tree: as
-    write_device_tree() takes it.
+    """Boots the kernel directly and waits for the end. device_tree: as write_device_tree() takes
+    the properties.
 
     Raises MachineError when the device does not reach the end of its session in timeout seconds."""
-    console = os.path.join(shared, "console")
-    options = ["qemu-system-aarch64", *MACHINE, "-global", "virtio-mmio.force-legacy=false",
-               "-no-reboot", "-kernel", os.path.join(shared, "Image"), "-serial", "chardev:console",
-               "-chardev", f"file,id=console,path={option_path(console)}",
-               "-initrd", os.path.join(shared, "initrd"),
-               "-append", f"{COMMAND_LINE} {command_line}", *disk,
-               "-fsdev", f"local,id=host,path={option_path(shared)},security_model=none",
-               "-device", "virtio-9p-device,fsdev=host,mount_tag=host"]
+    machine = [*MACHINE, "-m", str(MEMORY)]
+    options = qemu_command(shared, machine, disk) + [
+        "-no-reboot", "-kernel", os.path.join(shared, "Image"),
+        "-append", f"{DIRECT_COMMAND_LINE} {command_line}"]
     if device_tree:
         tree = os.path.join(shared, "dtb")
-        write_device_tree(tree, device_tree)
+        write_device_tree(tree, machine, device_tree)
         options += ["-dtb", tree]
     try:
         result = subprocess.run(options, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -87,8 +112,4 @@ def run(shared, command_line, disk, device_tree, timeout):
     except subprocess.TimeoutExpired:
         raise MachineError(f"the device was still running after {timeout} s and was ended"
                            ) from None
-    if result.returncode != 0:
-        raise MachineError(f"QEMU ended with status {result.returncode}: "
-                           + result.stdout.decode(errors="replace"))
-    if not os.path.exists(os.path.join(shared, "finished")):
-        raise MachineError("the device stopped before the end of its session")
+    check_end(shared, result.returncode, result.stdout.decode(errors="replace"))

@@ -10,6 +10,7 @@ import shlex
 import shutil
 import time
 
+import firmware
 import initramfs
 import machine
 import service
@@ -50,11 +51,12 @@ def folder_files(folder):
             for parent, _, names in os.walk(folder) for name in names}
 
 
-def start(device, shared, description, script, additions, disk, timeout):
+def start(device, shared, description, script, additions, run):
     """Boots the device for one session. shared: the folder that it mounts at /host, made anew.
 
     script: what it does, in terms of init's functions. additions: files of its root besides those
-    of root/, path on the device -> host path or bytes. disk: machine.disk_options()."""
+    of root/, path on the device -> host path or bytes. run: runs the machine with the shared
+    folder, the command line and the device tree, and its result is returned."""
     shutil.rmtree(shared, ignore_errors=True)
     os.makedirs(shared)
     script = f"link_partitions {description['links']}\n{script}"
@@ -67,25 +69,49 @@ def start(device, shared, description, script, additions, disk, timeout):
     initramfs.make(initrd, description["fs"], kernel, files)
     tree = {name: bytes.fromhex(value) for name, value in description["device_tree"].items()}
     try:
-        machine.run(shared, description["cmdline"], disk, tree, timeout)
+        result = run(shared, description["cmdline"], tree)
     finally:
         os.remove(initrd)
-    reason = initramfs.read_file(os.path.join(shared, "finished")).decode().strip()
+    finished = os.path.join(shared, "finished")
+    reason = initramfs.read_file(finished).decode().strip() if os.path.exists(finished) else ""
     if reason:
         raise SessionError(f"on the device: {reason}")
+    return result
 
 
 def service_script(description, runs, options):
-    """The session of a boot. runs: the argument lists of the tool's runs."""
+    """What the device does at a start. runs: number -> arguments of the tool's runs."""
     lines = ["fill_properties", f"mount_data {description['fs']} {MOUNT_OPTIONS}"]
     lines += [f"make_directory {path} {mode:o} {owner}"
               for path, mode, owner in service.DIRECTORIES]
     lines += ["script before"] if options.before else []
     lines += [shlex.join(["run", str(number), str(options.uid), *shlex.split(options.wrap),
-                          service.TOOL, *arguments]) for number, arguments in enumerate(runs, 1)]
+                          service.TOOL, *arguments]) for number, arguments in runs.items()]
     lines += ["script after"] if options.after else []
-    lines += ["list_properties /host/properties"]
+    lines += ["list_properties /host/properties", "is_up"]
     return "\n".join(lines) + "\n"
+
+
+def number_runs(runs, options):
+    """For each start of the device what ends it, and number -> arguments of its runs of the tool:
+    all of them, unless it crashes before the service or power is cut before the system starts."""
+    starts, count = [], 0
+    for event in [*options.events, "off"]:
+        without = event == "early-panic" or event == "off" and options.cut_power
+        starts.append((event, {} if without else dict(enumerate(runs, count + 1))))
+        count += len(starts[-1][1])
+    return starts
+
+
+def session_script(description, starts, options):
+    """starts: as number_runs() gives them."""
+    script = "case $start in\n"
+    for number, (event, runs) in enumerate(starts, 1):
+        script += f"{number})\n"
+        script += service_script(description, runs, options) if event != "early-panic" else ""
+        script += f"crash {event}\n" if event != "off" else ""
+        script += ";;\n"
+    return script + "esac\n"
 
 
 def parse_properties(path):
@@ -133,11 +159,12 @@ def boot_additions(device, description, options):
 
 
 def boot(device, description, options):
-    """Boots the device as the boot command's options say and returns the tool's exit status: with
-    several runs the first that is not 0."""
+    """Boots the device as the options of the boot or the crash command say and returns the tool's
+    exit status: with several runs the first that is not 0."""
     runs = [shlex.split(line) for line in options.run]
     if options.arguments or not (runs or options.no_run):
         runs.append(options.arguments or service.ARGUMENTS)
+    starts = number_runs(runs, options)
     for stale in ("log", "stdout", "console", "result.json"):
         if os.path.exists(os.path.join(device, stale)):
             os.remove(os.path.join(device, stale))
@@ -145,20 +172,29 @@ def boot(device, description, options):
     disk = machine.disk_options(os.path.join(device, "disk.img"), options.log_writes,
                                 options.blkdebug)
     start_time = time.monotonic()
+
+    def run(shared, command_line, tree):
+        if options.firmware:
+            return firmware.run(shared, command_line, disk, tree, options)
+        return machine.run(shared, command_line, disk, tree, options.timeout)
+
     try:
-        start(device, shared, description, service_script(description, runs, options),
-              boot_additions(device, description, options), disk, options.timeout)
+        resets = start(device, shared, description, session_script(description, starts, options),
+                       boot_additions(device, description, options), run)
     finally:
         seconds = round(time.monotonic() - start_time, 2)
         collect_output(device)
     results = [run_result(os.path.join(shared, str(number)), arguments)
-               for number, arguments in enumerate(runs, 1)]
+               for _, numbered in starts for number, arguments in numbered.items()]
     properties = parse_properties(os.path.join(shared, "properties"))
     for key, value in properties.items():
         if key.startswith("persist."):
             write_file(os.path.join(device, "persist", key), value.encode())
     status = next((result["status"] for result in results if result["status"] != 0), 0)
     result = {"status": status, "runs": results, "properties": properties, "seconds": seconds}
+    if options.firmware:
+        result["resets"] = resets
+        result["boot_application"] = firmware.application_lines(os.path.join(device, "console"))
     write_file(os.path.join(device, "result.json"), json.dumps(result, indent=1).encode())
     return status
 
@@ -172,8 +208,10 @@ def read(device, description, paths, with_content):
     script = f"mount_data {description['fs']} ro\nlist_files {words}"
     script += f"copy_files {words}" if with_content else ""
     shared = os.path.join(device, "read")
+    disk = machine.disk_options(os.path.join(device, "disk.img"), snapshot=True)
     start(device, shared, description, script, {},
-          machine.disk_options(os.path.join(device, "disk.img"), snapshot=True), READ_TIMEOUT)
+          lambda folder, command_line, tree: machine.run(folder, command_line, disk, tree,
+                                                         READ_TIMEOUT))
     lines = initramfs.read_file(os.path.join(shared, "list")).decode(errors="surrogateescape")
     entries = [line.split(" ", 4) for line in lines.splitlines()]
     return ([(int(mode, 16), int(uid), int(gid), int(size), path)
