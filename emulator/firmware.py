@@ -17,7 +17,7 @@ MIB = 1 << 20
 RAM_START = 0x40000000
 # The parts of the RAM that the firmware writes to on its way to the boot application, with room to
 # spare: kept from the system, as a phone's maker would. The last of them ends with the RAM.
-FIRMWARE_RAM = ((RAM_START, MIB), (0x44000000, 64 * MIB))
+FIRMWARE_RAM = ((RAM_START, MIB), (0x44000000, MIB), (0x47000000, 16 * MIB))
 FIRMWARE_TOP = 64 * MIB
 # What the boot application and the system share.
 CRASH_PAGE, CRASH_PAGE_SIZE = 0x43f00000, 0x1000
@@ -164,7 +164,7 @@ def run(shared, command_line, disk, device_tree, options):
     command = machine.qemu_command(shared, own_machine, disk) + [
         "-dtb", tree, "-kernel", machine.BOOT_APPLICATION,
         "-fw_cfg", f"name=opt/tarnix/kernel,file={machine.option_path(os.path.join(shared, 'Image'))}",
-        "-append", f"{machine.COMMAND_LINE} {command_line}",
+        "-append", f"{machine.FIRMWARE_COMMAND_LINE} {command_line}",
         # To look at the RAM before it goes on.
         "-action", "reboot=shutdown,shutdown=pause"]
     resets = []

@@ -61,6 +61,7 @@ struct efi_memory_descriptor {
 };
 
 constexpr uint32_t efi_allocate_any_pages = 0;
+constexpr uint32_t efi_allocate_address = 2;
 constexpr uint32_t efi_locate_all_handles = 0;
 constexpr uint32_t efi_locate_by_protocol = 2;
 

@@ -18,15 +18,22 @@ inline void *protocol_of(efi_handle handle, const struct efi_guid *guid) {
     return firmware->boot->handle_protocol(handle, guid, &interface) == 0 ? interface : nullptr;
 }
 
-// Memory of at least `size` bytes, at the start of a page, or null. Never given back: the system
-// that is started takes it all. Firmware gives it from the top of the RAM down, where it has been
-// all along, and not out of the crashed system's.
+inline size_t pages_of(size_t size) {
+    return (size + efi_page_size - 1) / efi_page_size;
+}
+
+// Memory of at least `size` bytes, at the start of a page, or null. What is not given back goes to
+// the system that is started. Firmware gives it from the top of the RAM down, where it has been all
+// along, and not out of the crashed system's.
 inline void *allocate(size_t size) {
     uint64_t address = 0;
     const efi_status status = firmware->boot->allocate_pages(
-        efi_allocate_any_pages, efi_loader_data, (size + efi_page_size - 1) / efi_page_size,
-        &address);
+        efi_allocate_any_pages, efi_loader_data, pages_of(size), &address);
     return status == 0 ? reinterpret_cast<void *>(address) : nullptr;
+}
+
+inline void release(void *memory, size_t size) {
+    firmware->boot->free_pages(reinterpret_cast<uint64_t>(memory), pages_of(size));
 }
 
 // Milliseconds of the processor's counter, which runs on over a reset.

@@ -4,6 +4,7 @@
 #include "uefi/device_tree.h"
 #include "uefi/firmware.h"
 #include "uefi/platform.h"
+#include "uefi/ram.h"
 #include "uefi/save_dump.h"
 #include "uefi/storage.h"
 #include "uefi/text.h"
@@ -20,15 +21,14 @@ static const void *find_device_tree() {
     return nullptr;
 }
 
-static void handle_crash() {
-    const struct reserved_memory reserved = find_reserved_memory(find_device_tree());
-    if (reserved.crash_page.size < sizeof(struct crash_page)) {
+static void handle_crash(const struct reserved_memory *reserved) {
+    if (reserved->crash_page.size < sizeof(struct crash_page)) {
         say("the device tree has no crash page: a crash cannot be told from a start");
         return;
     }
-    auto *page = reinterpret_cast<struct crash_page *>(reserved.crash_page.start);
+    auto *page = reinterpret_cast<struct crash_page *>(reserved->crash_page.start);
     if (crash_page_take(page)) {
-        save_dump(&reserved, page->tries);
+        save_dump(reserved, page->tries);
         crash_page_disarm(page);
         storage_stop_watchdog();
     }
@@ -40,7 +40,9 @@ efi_status efi_main(efi_handle image, struct efi_system_table *table) {
     own_image = image;
     firmware = table;
     const uint64_t start = now_ms();
-    handle_crash();
+    const struct reserved_memory reserved = find_reserved_memory(find_device_tree());
+    handle_crash(&reserved);
+    ram_keep_reserved(&reserved);
     efi_handle system = platform_load_system();
     if (system == nullptr) {
         return 1;

@@ -1,6 +1,7 @@
 #include "uefi/ram.h"
 
 #include "uefi/firmware.h"
+#include "uefi/text.h"
 
 static struct efi_memory_descriptor entry_at(const unsigned char *raw, size_t index, size_t size) {
     struct efi_memory_descriptor entry;
@@ -60,9 +61,9 @@ bool memory_map_read(struct memory_map *map) {
 
 const char *memory_type_name(uint32_t type) {
     static const char *const names[] = {
-        "reserved",      "loader code",  "loader data",  "boot code",    "boot data",
-        "runtime code",  "runtime data", "free",         "unusable",     "ACPI tables",
-        "ACPI non-volatile", "device"};
+        "reserved",  "loader code",  "loader data",       "boot code",
+        "boot data", "runtime code", "runtime data",      "free",
+        "unusable",  "ACPI tables",  "ACPI non-volatile", "device"};
     return type < sizeof(names) / sizeof(names[0]) ? names[type] : "other";
 }
 
@@ -122,4 +123,25 @@ size_t ram_taken_by_firmware(const struct memory_map *map, const struct reserved
         }
     }
     return count;
+}
+
+void ram_keep_reserved(const struct reserved_memory *reserved) {
+    struct memory_map map;
+    if (!memory_map_read(&map)) {
+        say("the reserved nodes are not kept: the firmware gives no memory map");
+        return;
+    }
+    for (size_t i = 0; i < map.count * reserved->node_count; ++i) {
+        const struct efi_memory_descriptor *entry = &map.entries[i / reserved->node_count];
+        const struct memory_range *node = &reserved->nodes[i % reserved->node_count];
+        const uint64_t end = end_of(entry);
+        const uint64_t node_end = node->start + node->size;
+        uint64_t start = node->start > entry->physical_start ? node->start : entry->physical_start;
+        const uint64_t stop = node_end < end ? node_end : end;
+        if (entry->type == efi_conventional_memory && start < stop &&
+            firmware->boot->allocate_pages(efi_allocate_address, efi_loader_data,
+                                           (stop - start) / efi_page_size, &start) != 0) {
+            say("reserved memory at ", hex{start}, " may be given to the system");
+        }
+    }
 }

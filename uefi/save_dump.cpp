@@ -135,8 +135,9 @@ static enum bootside_result save_file(struct bootside *boot, const char *name, c
     return result;
 }
 
-static enum bootside_result save_files(struct bootside *boot, const struct reserved_memory *reserved,
-                                       uint64_t tries, const struct dump_plan *plan) {
+static enum bootside_result save_files(struct bootside *boot,
+                                       const struct reserved_memory *reserved, uint64_t tries,
+                                       const struct dump_plan *plan) {
     struct text info = {static_cast<char *>(allocate(boot_info_size)), boot_info_size, 0};
     if (info.start == nullptr) {
         info.size = 0;

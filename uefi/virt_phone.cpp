@@ -70,7 +70,10 @@ efi_handle platform_load_system() {
         say("the kernel's ", decimal{size}, " bytes cannot be read");
         return nullptr;
     }
-    if (firmware->boot->load_image(0, own_image, nullptr, kernel, size, &image) != 0) {
+    const efi_status status =
+        firmware->boot->load_image(0, own_image, nullptr, kernel, size, &image);
+    release(kernel, size);  // the image is a copy
+    if (status != 0) {
         say("the firmware does not take the kernel");
         return nullptr;
     }
