@@ -1,7 +1,6 @@
 #include "uefi/ram.h"
 
 #include "uefi/firmware.h"
-#include "uefi/text.h"
 
 static struct efi_memory_descriptor entry_at(const unsigned char *raw, size_t index, size_t size) {
     struct efi_memory_descriptor entry;
@@ -125,23 +124,35 @@ size_t ram_taken_by_firmware(const struct memory_map *map, const struct reserved
     return count;
 }
 
-void ram_keep_reserved(const struct reserved_memory *reserved) {
-    struct memory_map map;
-    if (!memory_map_read(&map)) {
-        say("the reserved nodes are not kept: the firmware gives no memory map");
-        return;
-    }
-    for (size_t i = 0; i < map.count * reserved->node_count; ++i) {
-        const struct efi_memory_descriptor *entry = &map.entries[i / reserved->node_count];
+// Returns whether the firmware has given all of it.
+static bool take_free_reserved(const struct memory_map *map,
+                               const struct reserved_memory *reserved) {
+    bool all = true;
+    for (size_t i = 0; i < map->count * reserved->node_count; ++i) {
+        const struct efi_memory_descriptor *entry = &map->entries[i / reserved->node_count];
         const struct memory_range *node = &reserved->nodes[i % reserved->node_count];
         const uint64_t end = end_of(entry);
         const uint64_t node_end = node->start + node->size;
         uint64_t start = node->start > entry->physical_start ? node->start : entry->physical_start;
         const uint64_t stop = node_end < end ? node_end : end;
-        if (entry->type == efi_conventional_memory && start < stop &&
-            firmware->boot->allocate_pages(efi_allocate_address, efi_loader_data,
-                                           (stop - start) / efi_page_size, &start) != 0) {
-            say("reserved memory at ", hex{start}, " may be given to the system");
+        if (entry->type == efi_conventional_memory && start < stop) {
+            all = firmware->boot->allocate_pages(efi_allocate_address, efi_loader_data,
+                                                 (stop - start) / efi_page_size, &start) == 0 &&
+                  all;
+        }
+    }
+    return all;
+}
+
+void ram_keep_reserved(const struct reserved_memory *reserved) {
+    // While it gives memory, the firmware takes some for itself, and a range that was free is so no
+    // more in one piece. What it refuses each time is kept for a type of its own: it refuses it to
+    // the system's loader too.
+    const int most_turns = 3;
+    struct memory_map map;
+    for (int turn = 0; turn < most_turns && memory_map_read(&map); ++turn) {
+        if (take_free_reserved(&map, reserved)) {
+            return;
         }
     }
 }

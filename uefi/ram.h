@@ -28,8 +28,7 @@ size_t ram_taken_by_firmware(const struct memory_map *map, const struct reserved
                              struct memory_range *first);
 
 // Takes what is free in the reserved nodes, so that neither the system's image nor its first data
-// are put there: a loader goes by the firmware's map, and does not know of the nodes. Says on the
-// console what cannot be taken.
+// are put there: a loader goes by the firmware's map, and does not know of the nodes.
 void ram_keep_reserved(const struct reserved_memory *reserved);
 
 #endif
