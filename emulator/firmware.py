@@ -119,13 +119,12 @@ def next_event(qemu, name, is_asked=lambda: False):
 
 def wait_for_stop(qemu, hang):
     """Waits until the device powers off, resets or hangs, for which it makes the file `hang`. The
-    machine stands still then. Returns "off", "panic" or "hang"."""
+    machine stands still then. Returns whether it has powered off."""
     data = next_event(qemu, "SHUTDOWN", lambda: os.path.exists(hang))
     if data is None:
         os.remove(hang)
         execute(qemu, "stop")
-        return "hang"
-    return "panic" if data["reason"] == "guest-reset" else "off"
+    return data is not None and data["reason"] != "guest-reset"
 
 
 def written_bytes(qemu):
@@ -157,7 +156,7 @@ def run(shared, command_line, disk, device_tree, options):
     options: memory, its MiB; events: what the device is going to do, "off" at the end left out;
     save_ram: folder that receives the RAM as it was at each reset, as 1.bin and so on, or None;
     cut_power: end QEMU in the middle of the dump of the last crash; timeout: seconds.
-    Returns for each reset what it was and how many bytes the disk had been given until then."""
+    Returns for each reset the event and how many bytes had been written to the disk until then."""
     own_machine = [*machine.MACHINE, *machine.FIRMWARE_MACHINE, "-m", str(options.memory)]
     tree = os.path.join(shared, "dtb")
     machine.write_device_tree(tree, own_machine, device_tree, reserved_nodes(options.memory))
@@ -170,10 +169,11 @@ def run(shared, command_line, disk, device_tree, options):
     resets = []
     with running(command, os.path.join(shared, "errors"), options.timeout) as qemu:
         execute(qemu, "qmp_capabilities")
-        while (how := wait_for_stop(qemu, os.path.join(shared, "hang"))) != "off":
-            resets.append({"how": how, "written_bytes": written_bytes(qemu)})
-            if len(resets) > len(options.events):
-                raise machine.MachineError("the device crashed once more than it was told to")
+        while not wait_for_stop(qemu, os.path.join(shared, "hang")):
+            if len(resets) == len(options.events):
+                raise machine.MachineError("the device was reset once more than it was told to")
+            resets.append({"event": options.events[len(resets)],
+                           "written_bytes": written_bytes(qemu)})
             if options.save_ram:
                 execute(qemu, "pmemsave", val=RAM_START, size=options.memory * MIB,
                         filename=os.path.join(options.save_ram, f"{len(resets)}.bin"))

@@ -109,7 +109,7 @@ def session_script(description, starts, options):
     for number, (event, runs) in enumerate(starts, 1):
         script += f"{number})\n"
         script += service_script(description, runs, options) if event != "early-panic" else ""
-        script += f"crash {event}\n" if event != "off" else ""
+        script += f"leave_by {event}\n" if event != "off" else ""
         script += ";;\n"
     return script + "esac\n"
 
