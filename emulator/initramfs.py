@@ -20,7 +20,8 @@ KERNELS = ("bookworm", "bullseye", "trixie")
 # kernels has built in or does not know is left out there.
 MACHINE_MODULES = ("drivers/virtio/virtio", "drivers/virtio/virtio_ring",
                    "drivers/virtio/virtio_mmio", "drivers/block/virtio_blk", "fs/netfs/netfs",
-                   "fs/fscache/fscache", "net/9p/9pnet", "net/9p/9pnet_virtio", "fs/9p/9p")
+                   "fs/fscache/fscache", "net/9p/9pnet", "net/9p/9pnet_virtio", "fs/9p/9p",
+                   "lib/reed_solomon/reed_solomon", "fs/pstore/ramoops")
 FS_MODULES = {
     "ext4": ("lib/crc16", "fs/mbcache", "fs/jbd2/jbd2", "crypto/crc32c_generic", "fs/ext4/ext4"),
     "f2fs": ("crypto/crc32_generic", "lib/zstd/zstd_compress", "lib/lz4/lz4_compress",

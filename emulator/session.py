@@ -105,7 +105,7 @@ def number_runs(runs, options):
 
 def session_script(description, starts, options):
     """starts: as number_runs() gives them."""
-    script = "case $start in\n"
+    script = "case $starts in\n"
     for number, (event, runs) in enumerate(starts, 1):
         script += f"{number})\n"
         script += service_script(description, runs, options) if event != "early-panic" else ""
