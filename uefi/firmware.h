@@ -18,6 +18,11 @@ inline void *protocol_of(efi_handle handle, const struct efi_guid *guid) {
     return firmware->boot->handle_protocol(handle, guid, &interface) == 0 ? interface : nullptr;
 }
 
+// Memory by its physical address: the firmware maps all of it at that address.
+inline void *memory_at(uint64_t address) {
+    return reinterpret_cast<void *>(address);  // NOLINT(performance-no-int-to-ptr)
+}
+
 inline size_t pages_of(size_t size) {
     return (size + efi_page_size - 1) / efi_page_size;
 }
@@ -29,7 +34,7 @@ inline void *allocate(size_t size) {
     uint64_t address = 0;
     const efi_status status = firmware->boot->allocate_pages(
         efi_allocate_any_pages, efi_loader_data, pages_of(size), &address);
-    return status == 0 ? reinterpret_cast<void *>(address) : nullptr;
+    return status == 0 ? memory_at(address) : nullptr;
 }
 
 inline void release(void *memory, size_t size) {

@@ -26,7 +26,7 @@ static void handle_crash(const struct reserved_memory *reserved) {
         say("the device tree has no crash page: a crash cannot be told from a start");
         return;
     }
-    auto *page = reinterpret_cast<struct crash_page *>(reserved->crash_page.start);
+    auto *page = static_cast<struct crash_page *>(memory_at(reserved->crash_page.start));
     if (crash_page_take(page)) {
         save_dump(reserved, page->tries);
         crash_page_disarm(page);

@@ -154,8 +154,7 @@ static enum bootside_result save_files(struct bootside *boot,
                 " bytes left out: they do not fit in what is left of the chain");
             continue;
         }
-        result = save_file(boot, file->name, reinterpret_cast<const void *>(file->range.start),
-                           file->range.size);
+        result = save_file(boot, file->name, memory_at(file->range.start), file->range.size);
     }
     return result == bootside_ok ? bootside_finish(boot) : result;
 }

@@ -33,7 +33,7 @@ static bool config_read(int select, void *to, uint32_t length) {
         __builtin_bswap32(control), __builtin_bswap32(length),
         __builtin_bswap64(reinterpret_cast<uint64_t>(to))};
     asm volatile("dsb sy" ::: "memory");
-    *reinterpret_cast<volatile uint64_t *>(config_device + config_transfer) =
+    *static_cast<volatile uint64_t *>(memory_at(config_device + config_transfer)) =
         __builtin_bswap64(reinterpret_cast<uint64_t>(&record));
     while ((__builtin_bswap32(record.control) & ~transfer_error) != 0) {
     }
@@ -42,7 +42,7 @@ static bool config_read(int select, void *to, uint32_t length) {
 }
 
 static bool find_kernel(struct config_entry *entry) {
-    uint32_t count;
+    uint32_t count = 0;
     if (!config_read(config_directory, &count, sizeof(count))) {
         return false;
     }
@@ -58,7 +58,7 @@ static bool find_kernel(struct config_entry *entry) {
 }
 
 efi_handle platform_load_system() {
-    struct config_entry entry;
+    struct config_entry entry = {};
     if (!find_kernel(&entry)) {
         say("no kernel: start QEMU with -fw_cfg name=", kernel_file, ",file=Image");
         return nullptr;
