@@ -14,7 +14,7 @@ COMMAND_LINE = "console=ttyAMA0 quiet panic=-1 cryptomgr.notests"
 # And moves itself for another tenth. Through the firmware it does, as on a phone; but it would then
 # also keep its page tables from programs, and each call would take three times as long here.
 DIRECT_COMMAND_LINE = f"{COMMAND_LINE} nokaslr"
-FIRMWARE_COMMAND_LINE = f"{COMMAND_LINE} kpti=0 cma=0"
+FIRMWARE_COMMAND_LINE = f"{COMMAND_LINE} kpti=0 cma=0 pstore.compress=none"
 
 # A start through the firmware. Without ACPI the firmware hands on the device tree.
 FIRMWARE = os.path.join(CACHE, "firmware.fd")

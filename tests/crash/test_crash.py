@@ -7,7 +7,6 @@ import os
 import re
 import struct
 import sys
-import zlib
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).parents[1] / "emulator"))
@@ -141,8 +140,7 @@ def test_panic_and_crash_loop(tmp_path):
     kept = sum(int(words.split()[1], 16) for words in reserved)
     assert filled > (MEMORY * MIB - kept) / 4
     assert boot_info(dump)["reserved"] == reserved
-    packed = (dump / "ramoops.bin").read_bytes().split(b"-C\n", 1)[1]
-    assert b"sysrq triggered crash" in zlib.decompressobj(-zlib.MAX_WBITS).decompress(packed)
+    assert b"sysrq triggered crash" in (dump / "ramoops.bin").read_bytes()
     offset = re.search(r"Kernel Offset: (\w+)", (phone / "console").read_text("latin-1"))[1]
     assert offset not in ("disabled", "0x0")
 
