@@ -57,6 +57,17 @@ static bool find_kernel(struct config_entry *entry) {
     return false;
 }
 
+// QEMU keeps its translation of the crashed kernel's code, and a page that has some takes each write
+// of the processor slowly, where a device's is as fast as ever. So a device writes where the
+// firmware is going to put the image.
+static void clear_translations(int kernel, uint32_t size) {
+    void *place = allocate(size);
+    if (place != nullptr) {
+        config_read(kernel, place, size);
+        release(place, size);
+    }
+}
+
 efi_handle platform_load_system() {
     struct config_entry entry = {};
     if (!find_kernel(&entry)) {
@@ -70,6 +81,7 @@ efi_handle platform_load_system() {
         say("the kernel's ", decimal{size}, " bytes cannot be read");
         return nullptr;
     }
+    clear_translations(__builtin_bswap16(entry.select), size);
     const efi_status status =
         firmware->boot->load_image(0, own_image, nullptr, kernel, size, &image);
     release(kernel, size);  // the image is a copy
