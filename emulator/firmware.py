@@ -131,11 +131,16 @@ def written_bytes(qemu):
     return execute(qemu, "query-blockstats")[0]["stats"]["wr_bytes"]
 
 
+def limit_disk(qemu, reads, writes):
+    """Lets the disk take no more than these bytes a second; 0: as many as it can."""
+    execute(qemu, "block_set_io_throttle", id="disk", bps=0, bps_rd=reads, bps_wr=writes, iops=0,
+            iops_rd=0, iops_wr=0)
+
+
 def cut_power(qemu, memory):
     """Lets the machine start and ends it when about half of the RAM has been saved."""
     before = written_bytes(qemu)
-    execute(qemu, "block_set_io_throttle", id="disk", bps=0, bps_rd=0, bps_wr=SLOW_DISK, iops=0,
-            iops_rd=0, iops_wr=0)
+    limit_disk(qemu, 0, SLOW_DISK)
     go_on(qemu)
     while written_bytes(qemu) - before < memory * MIB // 2:
         time.sleep(0.05)
@@ -153,15 +158,16 @@ def go_on(qemu):
 def run(shared, command_line, disk, device_tree, options):
     """Starts the machine, and again after each crash, until the device powers off.
 
-    options: memory, its MiB; events: what the device is going to do, "off" at the end left out;
-    save_ram: folder that receives the RAM as it was at each reset, as 1.bin and so on, or None;
-    cut_power: end QEMU in the middle of the dump of the last crash; timeout: seconds.
+    options: boot_application: what the firmware starts; memory: its MiB; events: what the device is
+    going to do, "off" at the end left out; disk_speed: as limit_disk() takes it, or None; save_ram:
+    folder that receives the RAM as it was at each reset, as 1.bin and so on, or None; cut_power: end
+    QEMU in the middle of the dump of the last crash; timeout: seconds.
     Returns for each reset the event and how many bytes had been written to the disk until then."""
     own_machine = [*machine.MACHINE, *machine.FIRMWARE_MACHINE, "-m", str(options.memory)]
     tree = os.path.join(shared, "dtb")
     machine.write_device_tree(tree, own_machine, device_tree, reserved_nodes(options.memory))
     command = machine.qemu_command(shared, own_machine, disk) + [
-        "-dtb", tree, "-kernel", machine.BOOT_APPLICATION,
+        "-dtb", tree, "-kernel", options.boot_application,
         "-fw_cfg", f"name=opt/tarnix/kernel,file={machine.option_path(os.path.join(shared, 'Image'))}",
         "-append", f"{machine.FIRMWARE_COMMAND_LINE} {command_line}",
         # To look at the RAM before it goes on.
@@ -169,6 +175,8 @@ def run(shared, command_line, disk, device_tree, options):
     resets = []
     with running(command, os.path.join(shared, "errors"), options.timeout) as qemu:
         execute(qemu, "qmp_capabilities")
+        if options.disk_speed:
+            limit_disk(qemu, *options.disk_speed)
         while not wait_for_stop(qemu, os.path.join(shared, "hang")):
             if len(resets) == len(options.events):
                 raise machine.MachineError("the device was reset once more than it was told to")

@@ -41,13 +41,17 @@ inline void release(void *memory, size_t size) {
     firmware->boot->free_pages(reinterpret_cast<uint64_t>(memory), pages_of(size));
 }
 
-// Milliseconds of the processor's counter, which runs on over a reset.
-inline uint64_t now_ms() {
+// Microseconds of the processor's counter, which runs on over a reset.
+inline uint64_t now_us() {
     uint64_t count;
     uint64_t per_second;
     asm volatile("isb; mrs %0, cntvct_el0" : "=r"(count));
     asm volatile("mrs %0, cntfrq_el0" : "=r"(per_second));
-    return count / (per_second / 1000);
+    return count / per_second * 1000000 + count % per_second * 1000000 / per_second;
+}
+
+inline uint64_t now_ms() {
+    return now_us() / 1000;
 }
 
 #endif

@@ -57,8 +57,8 @@ static bool find_kernel(struct config_entry *entry) {
     return false;
 }
 
-// QEMU keeps its translation of the crashed kernel's code, and a page that has some takes each write
-// of the processor slowly, where a device's is as fast as ever. So a device writes where the
+// QEMU keeps its translation of the crashed kernel's code, and a page that has some takes each
+// write of the processor slowly, where a device's is as fast as ever. So a device writes where the
 // firmware is going to put the image.
 static void clear_translations(int kernel, uint32_t size) {
     void *place = allocate(size);
