@@ -63,8 +63,8 @@ ramoops@{LOG:x} {{
 def running(command, errors, timeout):
     with open(errors, "wb") as stream, \
             subprocess.Popen([*command, "-chardev", "stdio,id=protocol",
-                              "-mon", "chardev=protocol,mode=control"], text=True,
-                             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=stream) as process:
+                              "-mon", "chardev=protocol,mode=control"], text=True, stderr=stream,
+                             stdin=subprocess.PIPE, stdout=subprocess.PIPE) as process:
         lines = queue.Queue()
 
         def listen():
@@ -158,17 +158,18 @@ def go_on(qemu):
 def run(shared, command_line, disk, device_tree, options):
     """Starts the machine, and again after each crash, until the device powers off.
 
-    options: boot_application: what the firmware starts; memory: its MiB; events: what the device is
-    going to do, "off" at the end left out; disk_speed: as limit_disk() takes it, or None; save_ram:
-    folder that receives the RAM as it was at each reset, as 1.bin and so on, or None; cut_power: end
-    QEMU in the middle of the dump of the last crash; timeout: seconds.
+    options: boot_application: what the firmware starts; memory: its MiB; events: what the device
+    is going to do, "off" at the end left out; disk_speed: as limit_disk() takes it, or None;
+    save_ram: folder that receives the RAM as it was at each reset, as 1.bin and so on, or None;
+    cut_power: end QEMU in the middle of the dump of the last crash; timeout: seconds.
     Returns for each reset the event and how many bytes had been written to the disk until then."""
     own_machine = [*machine.MACHINE, *machine.FIRMWARE_MACHINE, "-m", str(options.memory)]
     tree = os.path.join(shared, "dtb")
     machine.write_device_tree(tree, own_machine, device_tree, reserved_nodes(options.memory))
+    kernel = machine.option_path(os.path.join(shared, "Image"))
     command = machine.qemu_command(shared, own_machine, disk) + [
         "-dtb", tree, "-kernel", options.boot_application,
-        "-fw_cfg", f"name=opt/tarnix/kernel,file={machine.option_path(os.path.join(shared, 'Image'))}",
+        "-fw_cfg", f"name=opt/tarnix/kernel,file={kernel}",
         "-append", f"{machine.FIRMWARE_COMMAND_LINE} {command_line}",
         # To look at the RAM before it goes on.
         "-action", "reboot=shutdown,shutdown=pause"]

@@ -24,6 +24,7 @@ struct dump_plan {
     struct memory_map map;
     size_t taken_count;
     struct memory_range taken;
+    char boot_info[boot_info_size];
 };
 
 static void add_file(struct dump_plan *plan, const char *before, size_t number, bool is_only,
@@ -43,7 +44,6 @@ static void add_file(struct dump_plan *plan, const char *before, size_t number, 
 static bool make_plan(const struct reserved_memory *reserved, struct dump_plan *plan) {
     *plan = {};
     if (!memory_map_read(&plan->map)) {
-        say("nothing saved: the firmware gives no memory map");
         return false;
     }
     for (size_t i = 0; i < reserved->log_count; ++i) {
@@ -137,11 +137,8 @@ static enum bootside_result save_file(struct bootside *boot, const char *name, c
 
 static enum bootside_result save_files(struct bootside *boot,
                                        const struct reserved_memory *reserved, uint64_t tries,
-                                       const struct dump_plan *plan) {
-    struct text info = {static_cast<char *>(allocate(boot_info_size)), boot_info_size, 0};
-    if (info.start == nullptr) {
-        info.size = 0;
-    }
+                                       struct dump_plan *plan) {
+    struct text info = {plan->boot_info, sizeof(plan->boot_info), 0};
     write_boot_info(&info, reserved, tries, plan);
     enum bootside_result result = bootside_begin_dump(boot, 0);
     if (result == bootside_ok) {
@@ -161,14 +158,12 @@ static enum bootside_result save_files(struct bootside *boot,
 
 static void say_refusal(const struct bootside *boot, enum bootside_result result) {
     const struct bootside_fault *fault = &boot->walk.fault;
-    if (result >= bootside_dump_pending) {
-        say("nothing saved: ", bootside_result_text(result));
-        return;
-    }
     say("nothing saved: ", bootside_result_text(result));
-    say("  position ", decimal{fault->position}, ", block ", decimal{fault->block}, ", offset ",
-        decimal{fault->offset}, fault->in_misc != 0 ? " of misc" : " of userdata", ", expected ",
-        hex{fault->expected}, ", found ", hex{fault->found});
+    if (result < bootside_dump_pending) {  // the others have no place on the disk
+        say("  position ", decimal{fault->position}, ", block ", decimal{fault->block}, ", offset ",
+            decimal{fault->offset}, fault->in_misc != 0 ? " of misc" : " of userdata",
+            ", expected ", hex{fault->expected}, ", found ", hex{fault->found});
+    }
 }
 
 static void save_to(struct storage *storage, const struct reserved_memory *reserved,
@@ -185,6 +180,7 @@ static void save_to(struct storage *storage, const struct reserved_memory *reser
         " runs verified in ", decimal{verified - start}, " ms");
     auto *plan = static_cast<struct dump_plan *>(allocate(sizeof(struct dump_plan)));
     if (plan == nullptr || !make_plan(reserved, plan)) {
+        say("nothing saved: the firmware gives no memory, or no map of it");
         return;
     }
     choose_files(&boot, plan);
