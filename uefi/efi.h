@@ -1,4 +1,4 @@
-// What this application uses of the UEFI interface, as the UEFI specification (2.10) lays it out
+// What this application uses of the UEFI interface (version 2.10), laid out as it is
 // for 64-bit Arm. Calls that are not used are there as places only: the tables are arrays of
 // pointers in a fixed order.
 #ifndef TARNIX_UEFI_EFI_H
