@@ -105,10 +105,8 @@ static void write_boot_info(struct text *text, const struct reserved_memory *res
     add_exactness(text, plan);
     for (size_t i = 0; i < plan->count; ++i) {
         const struct memory_file *file = &plan->files[i];
-        for (int left_out = 0; left_out <= (file->fits ? 0 : 1); ++left_out) {
-            add(text, file->kind, left_out != 0 ? "-left-out: " : ": ", file->name, " ",
-                hex{file->range.start}, " ", hex{file->range.size}, "\n");
-        }
+        add(text, file->kind, file->fits ? ": " : "-left-out: ", file->name, " ",
+            hex{file->range.start}, " ", hex{file->range.size}, "\n");
     }
     for (size_t i = 0; i < reserved->node_count; ++i) {
         add(text, "reserved: ", hex{reserved->nodes[i].start}, " ", hex{reserved->nodes[i].size},
