@@ -138,7 +138,6 @@ int main(int argc, char **argv) {
         fail(error);
     }
     measure(image.get(), rounds);
-    close_disk_image(image.get());
     unlink(options.misc.c_str());
     unlink(options.data.c_str());
     return 0;

@@ -1,9 +1,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "tools/chain_report.h"
 #include "tools/commands.h"
@@ -12,7 +12,7 @@
 struct input_file {
     std::string name;
     std::string path;
-    int fd;
+    std::unique_ptr<FILE, int (*)(FILE *)> stream;
     uint64_t size;
 };
 
@@ -24,7 +24,8 @@ static int open_input(const std::string &text, const std::vector<struct input_fi
         fmt::print(stderr, "tarnix-chain: {}: a file to write is given as NAME=FILE\n", text);
         return exit_usage;
     }
-    *file = {text.substr(0, equals), text.substr(equals + 1), -1, 0};
+    file->name = text.substr(0, equals);
+    file->path = text.substr(equals + 1);
     for (const struct input_file &other : earlier) {
         if (other.name == file->name) {
             fmt::print(stderr,
@@ -35,8 +36,9 @@ static int open_input(const std::string &text, const std::vector<struct input_fi
         }
     }
     struct stat status = {};
-    file->fd = open(file->path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (file->fd < 0 || fstat(file->fd, &status) != 0) {
+    const int fd = open(file->path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    file->stream.reset(fd < 0 ? nullptr : fdopen(fd, "rb"));
+    if (file->stream == nullptr || fstat(fd, &status) != 0) {
         fmt::print(stderr, "tarnix-chain: cannot open {}: {}; name a file that can be read\n",
                    file->path, strerror(errno));
         return exit_unreadable;
@@ -89,17 +91,14 @@ static enum bootside_result copy_file(struct bootside *boot, const struct input_
     uint64_t left = file.size;
     while (result == bootside_ok && left > 0) {
         const size_t wanted = left < piece.size() ? static_cast<size_t>(left) : piece.size();
-        const ssize_t n = read(file.fd, piece.data(), wanted);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
+        FILE *const stream = file.stream.get();
+        if (fread(piece.data(), 1, wanted, stream) != wanted) {
             *error = fmt::format("cannot read {} at byte {}: {}", file.path, file.size - left,
-                                 n < 0 ? strerror(errno) : "it has become shorter");
+                                 ferror(stream) != 0 ? strerror(errno) : "it has become shorter");
             return bootside_data_missing;
         }
-        left -= static_cast<uint64_t>(n);
-        result = bootside_write(boot, piece.data(), static_cast<size_t>(n));
+        left -= wanted;
+        result = bootside_write(boot, piece.data(), wanted);
     }
     return result;
 }
@@ -138,9 +137,9 @@ int write_command(struct disk_image *image, const std::vector<std::string> &text
     std::vector<struct input_file> files;
     int status = exit_good;
     for (size_t i = 0; i < texts.size() && status == exit_good; ++i) {
-        struct input_file file = {};
+        struct input_file file = {"", "", {nullptr, fclose}, 0};
         status = open_input(texts[i], files, &file);
-        files.push_back(file);
+        files.push_back(std::move(file));
     }
     struct bootside boot = {};
     if (status == exit_good) {
@@ -150,11 +149,6 @@ int write_command(struct disk_image *image, const std::vector<std::string> &text
     }
     if (status == exit_good) {
         status = write_dump(image, &boot, files);
-    }
-    for (const struct input_file &file : files) {
-        if (file.fd >= 0) {
-            close(file.fd);
-        }
     }
     return status;
 }

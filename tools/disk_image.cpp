@@ -180,30 +180,38 @@ static bool open_disk(const struct image_options &options, bool writable, struct
     return true;
 }
 
-std::unique_ptr<struct disk_image> open_disk_image(const struct image_options &options,
-                                                   bool writable, std::string *error) {
-    auto image = std::make_unique<struct disk_image>();
-    image->misc.fd = image->data.fd = -1;
-    const bool opened = options.disk.empty()
-                            ? open_whole(options.misc, writable, &image->misc, error) &&
-                                  open_whole(options.data, writable, &image->data, error)
-                            : open_disk(options, writable, image.get(), error);
-    if (!opened) {
-        close_disk_image(image.get());
-        return nullptr;
-    }
-    image->buffer.resize(buffer_size);
-    image->port = {image.get(),          read_misc,    write_misc, read_data,
-                   write_data,           flush_images, zlib_crc32, image->data.size,
-                   image->buffer.data(), buffer_size};
-    return image;
-}
-
-void close_disk_image(struct disk_image *image) {
+static void close_disk_image(struct disk_image *image) {
     if (image->data.fd != image->misc.fd && image->data.fd >= 0) {
         close(image->data.fd);
     }
     if (image->misc.fd >= 0) {
         close(image->misc.fd);
     }
+    delete image;
+}
+
+owned_disk_image open_disk_image(const struct image_options &options, bool writable,
+                                 std::string *error) {
+    owned_disk_image image(new struct disk_image(), close_disk_image);
+    image->misc.fd = image->data.fd = -1;
+    const bool opened = options.disk.empty()
+                            ? open_whole(options.misc, writable, &image->misc, error) &&
+                                  open_whole(options.data, writable, &image->data, error)
+                            : open_disk(options, writable, image.get(), error);
+    if (!opened) {
+        return {nullptr, close_disk_image};
+    }
+    image->buffer.resize(buffer_size);
+    struct bootside_port *port = &image->port;
+    port->user = image.get();
+    port->read_misc = read_misc;
+    port->write_misc = write_misc;
+    port->read_data = read_data;
+    port->write_data = write_data;
+    port->flush = flush_images;
+    port->crc32 = zlib_crc32;
+    port->data_size = image->data.size;
+    port->buffer = image->buffer.data();
+    port->buffer_size = image->buffer.size();
+    return image;
 }

@@ -36,15 +36,15 @@ struct disk_image {
     struct bootside_port port;
 };
 
+// Goes with its descriptors.
+using owned_disk_image = std::unique_ptr<struct disk_image, void (*)(struct disk_image *)>;
+
 // Opens the images. Null on failure with *error saying what to do; block devices that are to be
 // written must not be in use.
-std::unique_ptr<struct disk_image> open_disk_image(const struct image_options &options,
-                                                   bool writable, std::string *error);
+owned_disk_image open_disk_image(const struct image_options &options, bool writable,
+                                 std::string *error);
 
 // "byte 4096 of disk.img": the place of a partition's byte in the file that the user has named.
 std::string name_offset(const struct partition_place &partition, uint64_t offset);
-
-// Closes what open_disk_image has opened.
-void close_disk_image(struct disk_image *image);
 
 #endif

@@ -102,7 +102,6 @@ static int run(int argc, char **argv) {
         return exit_unreadable;
     }
     const int status = run_command(name, image.get(), line);
-    close_disk_image(image.get());
     if (fflush(stdout) != 0) {
         fmt::print(stderr, "tarnix-chain: cannot write the output: {}\n", strerror(errno));
         return exit_unreadable;

@@ -137,9 +137,6 @@ static int run_command(bool writable, const std::function<int(struct disk_image 
     std::string error;
     const auto image = open_disk_image({disk_path, "", "", "userdata"}, writable, &error);
     const int status = image == nullptr ? exit_unreadable : command(image.get());
-    if (image != nullptr) {
-        close_disk_image(image.get());
-    }
     stdout = standard[0];
     stderr = standard[1];
     return status;
