@@ -1,13 +1,12 @@
 #include "tools/disk_image.h"
 
-#include <blkid/blkid.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
+
+#include "tools/partition_table.h"
 
 // Large enough for every block length that the kit accepts, and for transfers at full speed.
 static const size_t buffer_size = 1048576;
@@ -99,85 +98,15 @@ static uint32_t zlib_crc32(void *, uint32_t crc, const void *data, size_t length
         crc32(crc, static_cast<const Bytef *>(data), static_cast<uInt>(length)));
 }
 
-// Opens one image as a partition that fills it.
-static bool open_whole(const std::string &path, bool writable, struct partition_place *partition,
-                       std::string *error) {
-    struct stat status = {};
-    // Exclusive on a block device: refused while a file system of it is mounted.
-    const bool device = stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
-    const int flags = writable ? (device ? O_RDWR | O_EXCL : O_RDWR) : O_RDONLY;
-    partition->path = path;
-    partition->start = 0;
-    partition->fd = open(path.c_str(), flags | O_CLOEXEC);
-    const off_t end = partition->fd < 0 ? -1 : lseek(partition->fd, 0, SEEK_END);
-    if (end < 0) {
-        *error = fmt::format("cannot open {}: {}; {}", path, strerror(errno),
-                             errno == EBUSY ? "unmount its file systems first"
-                                            : "check the name, and that you may use it");
-        return false;
-    }
-    partition->size = static_cast<uint64_t>(end);
-    return true;
-}
-
-// Looks for the two names in a GPT with sectors of `sector_size` bytes. False when there is no
-// GPT.
-static bool read_gpt(const struct partition_place &disk, unsigned sector_size,
-                     const std::string &data_name, struct partition_place *misc,
-                     struct partition_place *data) {
-    const std::unique_ptr<blkid_struct_probe, decltype(&blkid_free_probe)> probe(blkid_new_probe(),
-                                                                                 blkid_free_probe);
-    if (probe == nullptr || blkid_probe_set_device(probe.get(), disk.fd, 0, 0) != 0) {
-        return false;
-    }
-    blkid_probe_set_sectorsize(probe.get(), sector_size);
-    blkid_probe_enable_superblocks(probe.get(), 0);
-    blkid_probe_enable_partitions(probe.get(), 1);
-    blkid_partlist list = blkid_probe_get_partitions(probe.get());
-    blkid_parttable table = list == nullptr ? nullptr : blkid_partlist_get_table(list);
-    if (table == nullptr || strcmp(blkid_parttable_get_type(table), "gpt") != 0) {
-        return false;
-    }
-    for (int i = 0; i < blkid_partlist_numof_partitions(list); ++i) {
-        blkid_partition part = blkid_partlist_get_partition(list, i);
-        const char *name = blkid_partition_get_name(part);
-        if (name == nullptr || (data_name != name && strcmp(name, "misc") != 0)) {
-            continue;
-        }
-        // libblkid counts in units of 512 bytes whatever the disk's sectors are.
-        const auto start = static_cast<uint64_t>(blkid_partition_get_start(part));
-        const auto size = static_cast<uint64_t>(blkid_partition_get_size(part));
-        if (start < disk.size / 512 && size < UINT64_MAX / 1024) {
-            *(data_name == name ? data : misc) = {disk.fd, disk.path, start * 512, size * 512};
-        }
-    }
-    return true;
-}
-
 static bool open_disk(const struct image_options &options, bool writable, struct disk_image *image,
                       std::string *error) {
-    struct partition_place disk = {};
-    if (!open_whole(options.disk, writable, &disk, error)) {
-        return false;
-    }
+    struct partition_place disk = {-1, "", 0, 0, 0};
+    const bool opened = open_image_file(options.disk, writable, &disk, error);
     image->misc.fd = disk.fd;
-    // An image file does not know its sector size; phones' disks have 4096, most others 512.
-    if (!read_gpt(disk, 512, options.data_name, &image->misc, &image->data) &&
-        !read_gpt(disk, 4096, options.data_name, &image->misc, &image->data)) {
-        *error = fmt::format(
-            "{} has no GPT with sectors of 512 or 4096 bytes, or it is cut short; get "
-            "it anew, or give the partitions one by one with --misc and --data",
-            options.disk);
-        return false;
-    }
-    const bool no_misc = image->misc.size == 0;
-    if (no_misc || image->data.size == 0) {
-        *error = fmt::format("{}: its GPT has no partition named {}{}", options.disk,
-                             no_misc ? "misc" : options.data_name,
-                             no_misc ? "" : "; --data-name gives the name of the data partition");
-        return false;
-    }
-    return true;
+    struct partition_table table = {};
+    return opened && read_partition_table(disk, &table, error) &&
+           find_partition(disk, table, "misc", &image->misc, error) &&
+           find_partition(disk, table, options.data_name, &image->data, error);
 }
 
 static void close_disk_image(struct disk_image *image) {
@@ -195,8 +124,8 @@ owned_disk_image open_disk_image(const struct image_options &options, bool writa
     owned_disk_image image(new struct disk_image(), close_disk_image);
     image->misc.fd = image->data.fd = -1;
     const bool opened = options.disk.empty()
-                            ? open_whole(options.misc, writable, &image->misc, error) &&
-                                  open_whole(options.data, writable, &image->data, error)
+                            ? open_image_file(options.misc, writable, &image->misc, error) &&
+                                  open_image_file(options.data, writable, &image->data, error)
                             : open_disk(options, writable, image.get(), error);
     if (!opened) {
         return {nullptr, close_disk_image};

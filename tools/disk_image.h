@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bootside/bootside.h"
+#include "tools/image_file.h"
 
 // From the command line: either `disk`, or `misc` and `data`.
 struct image_options {
@@ -15,13 +16,6 @@ struct image_options {
     std::string misc;
     std::string data;
     std::string data_name;  // GPT name of the data partition on `disk`
-};
-
-struct partition_place {
-    int fd;
-    std::string path;  // the image that holds it
-    uint64_t start;    // byte offset in the image
-    uint64_t size;     // bytes
 };
 
 // An opened pair with a port for bootside/ over it. `error` tells in words why the last transfer

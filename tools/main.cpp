@@ -1,8 +1,10 @@
 // tarnix-chain: looks at, verifies, fills and empties the block chain of a device that is off.
 #include <errno.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
@@ -19,8 +21,11 @@ struct command_line {
 static CLI::App *add_command(CLI::App *app, struct command_line *line, const char *name,
                              const char *about, const char *example) {
     CLI::App *command = app->add_subcommand(name, about);
-    CLI::Option *disk = command->add_option("--disk", line->image.disk,
-                                            "Whole-disk image or block device with a GPT");
+    CLI::Option *disk =
+        command->add_option("--disk", line->image.disk,
+                            "Whole-disk image or block device, with misc and the data partition in "
+                            "its GPT. Phones may have them on different disks: then use --misc and "
+                            "--data");
     CLI::Option *misc = command->add_option("--misc", line->image.misc, "The misc partition");
     CLI::Option *data = command->add_option("--data", line->image.data, "The data partition");
     command
@@ -109,7 +114,22 @@ static int run(int argc, char **argv) {
     return status;
 }
 
+// An image must not be opened as descriptor 1 or 2: what is printed would be written into it.
+static bool occupy_standard_descriptors() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        // The output is open for reading alone, so that printing to it fails as it would without.
+        const int flags = fd == STDOUT_FILENO ? O_RDONLY : O_RDWR;
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", flags) != fd) {
+            return false;
+        }
+    }
+    return true;
+}
+
 int main(int argc, char **argv) {
+    if (!occupy_standard_descriptors()) {
+        return exit_unreadable;
+    }
     try {
         return run(argc, argv);
     } catch (const std::exception &error) {
