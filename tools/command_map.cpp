@@ -3,7 +3,8 @@
 #include <algorithm>
 
 #include "bootside/chain_walk.h"
-#include "tools/chain_report.h"
+#include "tools/chain_access.h"
+#include "tools/chain_json.h"
 #include "tools/commands.h"
 #include "tools/progress_bar.h"
 
@@ -14,69 +15,97 @@ struct physical_run {
 };
 
 static const uint32_t picture_columns = 64;
-static const uint32_t picture_rows = 16;
+static const uint32_t picture_cells = 16 * picture_columns;
 
-static enum bootside_result find_runs(struct bootside_walk *walk,
-                                      std::vector<struct physical_run> *runs) {
+// What is listed is bounded by this; a forged chain may have any number of runs.
+static const size_t most_runs = 65536;
+
+struct chain_map {
+    uint64_t share;               // blocks of the partition behind each cell of the picture
+    std::vector<uint64_t> taken;  // of each share, the blocks that are the chain's
+    uint64_t runs;
+    std::vector<struct physical_run> listed;  // the first most_runs of them
+};
+
+static enum bootside_result find_runs(struct bootside_walk *walk, struct chain_map *map) {
     enum bootside_result result = bootside_ok;
+    uint32_t following = 0;  // the block that would carry the last run on
+    map->share = (uint64_t{walk->data_blocks} + picture_cells - 1) / picture_cells;
+    map->taken.resize(picture_cells);
     while (result == bootside_ok && walk->position < walk->n_blocks) {
-        const struct physical_run here = {walk->position, walk->block, 1};
+        const struct physical_run here = {walk->position, walk->block, 0};
         result = chain_walk_step(walk);
         if (result != bootside_ok) {
             break;
         }
-        if (!runs->empty() && runs->back().block + runs->back().blocks == here.block) {
-            ++runs->back().blocks;
-        } else {
-            runs->push_back(here);
+        ++map->taken[here.block / map->share];
+        if (here.block != following && ++map->runs <= most_runs) {
+            map->listed.push_back(here);
         }
+        if (map->runs <= most_runs) {
+            ++map->listed.back().blocks;
+        }
+        following = here.block + 1;
     }
     return result;
 }
 
 // One character for each equal share of the partition, by how much of it the chain takes.
-static void print_picture(const struct bootside_walk &walk,
-                          const std::vector<struct physical_run> &runs) {
-    const uint32_t cells = picture_columns * picture_rows;
-    const uint64_t share = (uint64_t{walk.data_blocks} + cells - 1) / cells;
-    std::vector<uint64_t> taken(cells);
-    for (const struct physical_run &run : runs) {
-        const uint64_t end = uint64_t{run.block} + run.blocks;
-        for (uint64_t at = run.block; at < end;) {
-            const uint64_t until = std::min((at / share + 1) * share, end);
-            taken[at / share] += until - at;
-            at = until;
-        }
-    }
+static void print_picture(const struct bootside_walk &walk, const struct chain_map &map) {
     fmt::print("\neach character is {}: . none, - up to half, + more, # all of the chain\n",
-               counted(share, "block"));
-    const uint64_t shown = (walk.data_blocks + share - 1) / share;
+               counted(map.share, "block"));
+    const uint64_t shown = (walk.data_blocks + map.share - 1) / map.share;
     for (uint64_t cell = 0; cell < shown; ++cell) {
-        const uint64_t part = taken[cell];
-        const uint64_t size = std::min(share, walk.data_blocks - cell * share);
+        const uint64_t part = map.taken[cell];
+        const uint64_t size = std::min(map.share, walk.data_blocks - cell * map.share);
         const char mark = part == 0 ? '.' : part == size ? '#' : part * 2 > size ? '+' : '-';
         const bool line_end = (cell + 1) % picture_columns == 0 || cell + 1 == shown;
         fmt::print("{}{}", mark, line_end ? "\n" : "");
     }
 }
 
-int map_command(struct disk_image *image) {
-    struct bootside_walk walk = {};
-    std::vector<struct physical_run> runs;
-    enum bootside_result result = chain_walk_start(&walk, &image->port);
-    if (result != bootside_ok) {
-        return report_failure(*image, result, walk);
-    }
-    progress_begin(image, "walking", uint64_t{walk.n_blocks} * walk.block_length);
-    result = find_runs(&walk, &runs);
-    progress_end(image);
+static void print_text(const struct bootside_walk &walk, const struct chain_map &map) {
     fmt::print("{:>10} {:>10} {:>10} {:>16} {:>14}\n", "position", "block", "blocks", "byte offset",
                "bytes");
-    for (const struct physical_run &run : runs) {
+    for (const struct physical_run &run : map.listed) {
         fmt::print("{:>10} {:>10} {:>10} {:>16} {:>14}\n", run.position, run.block, run.blocks,
                    uint64_t{run.block} * walk.block_length,
                    uint64_t{run.blocks} * walk.block_length);
     }
-    print_picture(walk, runs);
-    return result == bootside_ok ? exit_good : report_failure(*image, result, walk);
+    if (map.runs > map.listed.size()) {
+        fmt::print("and {} more\n", map.runs - map.listed.size());
+    }
+    print_picture(walk, map);
+}
+
+static void print_as_json(const struct disk_image &image, const struct chain_finding &finding,
+                          const struct chain_map &map) {
+    nlohmann::json out = chain_json(image, finding);
+    nlohmann::json listed = nlohmann::json::array();
+    for (const struct physical_run &run : map.listed) {
+        listed.push_back(
+            {{"position", run.position}, {"block", run.block}, {"blocks", run.blocks}});
+    }
+    out["runs"] = map.runs;
+    out["map"] = std::move(listed);
+    print_json(out);
+}
+
+int map_command(struct disk_image *image, bool json) {
+    struct chain_map map = {};
+    struct chain_finding finding = {};
+    finding.result = chain_walk_start(&finding.walk, &image->port);
+    const bool has_map = finding.result == bootside_ok;
+    if (has_map) {
+        progress_begin(image, "walking", bytes_to_read(*image, finding.walk));
+        finding.result = find_runs(&finding.walk, &map);
+        progress_end(image);
+    }
+    if (json) {
+        print_as_json(*image, finding, map);
+    } else if (has_map) {
+        print_text(finding.walk, map);
+    }
+    return finding.result == bootside_ok || json ? exit_status_of(finding.result)
+                                                 : report_failure(*image, finding);
 }

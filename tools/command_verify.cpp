@@ -1,35 +1,34 @@
 #include <fmt/format.h>
 
-#include "bootside/chain_walk.h"
-#include "tools/chain_report.h"
+#include "tools/chain_access.h"
+#include "tools/chain_json.h"
 #include "tools/commands.h"
-#include "tools/progress_bar.h"
 
-enum bootside_result open_chain(struct disk_image *image, struct bootside *boot) {
-    // The anchor alone first: its length is the bar's.
-    enum bootside_result result = chain_walk_start(&boot->walk, &image->port);
-    if (result == bootside_ok) {
-        progress_begin(image, "verifying", uint64_t{boot->walk.n_blocks} * boot->walk.block_length);
-        result = bootside_open(boot, &image->port);
-        progress_end(image);
-    }
-    return result;
+enum exit_status exit_status_of(enum bootside_result result) {
+    return result == bootside_ok            ? exit_good
+           : result == bootside_read_failed ? exit_unreadable
+                                            : exit_not_whole;
 }
 
-int report_failure(const struct disk_image &image, enum bootside_result result,
-                   const struct bootside_walk &walk) {
+int report_failure(const struct disk_image &image, const struct chain_finding &finding) {
     fmt::print(stderr, "tarnix-chain: the chain is {}\ntarnix-chain: next: {}\n",
-               describe_verdict(image, result, walk), next_step(result));
-    return result == bootside_read_failed ? exit_unreadable : exit_not_whole;
+               describe_verdict(image, finding), next_step(image, finding));
+    return exit_status_of(finding.result);
 }
 
-int verify_command(struct disk_image *image) {
+int verify_command(struct disk_image *image, bool json) {
     struct bootside boot = {};
     const enum bootside_result result = open_chain(image, &boot);
-    if (result != bootside_ok) {
-        return report_failure(*image, result, boot.walk);
+    const struct chain_finding finding = {result, boot.walk};
+    if (json) {
+        nlohmann::json out = chain_json(*image, finding);
+        out["runs"] = boot.runs;
+        print_json(out);
+        return exit_status_of(result);
     }
-    fmt::print("{} in {}\n", describe_verdict(*image, result, boot.walk),
-               counted(boot.runs, "physical run"));
+    if (result != bootside_ok) {
+        return report_failure(*image, finding);
+    }
+    fmt::print("{} in {}\n", describe_verdict(*image, finding), counted(boot.runs, "physical run"));
     return exit_good;
 }

@@ -5,7 +5,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include "tools/chain_report.h"
+#include "tools/chain_access.h"
 #include "tools/commands.h"
 #include "tools/progress_bar.h"
 
@@ -60,9 +60,26 @@ static int open_input(const std::string &text, const std::vector<struct input_fi
     return exit_good;
 }
 
+// What the user can do once the chain has been found whole, and something else went wrong.
+static const char *next_step_of_write(enum bootside_result result) {
+    switch (result) {
+        case bootside_dump_pending:
+            return "save it with pull, then write with --replace";
+        case bootside_does_not_fit:
+            return "leave a file out, or have the device make a larger map";
+        case bootside_data_missing:
+            return "write again, with --replace, once the file no longer changes";
+        case bootside_write_failed:
+        case bootside_flush_failed:
+            return "make room or take a copy of the image, and write again with --replace";
+        default:
+            return "see that nothing else uses the image, and write again with --replace";
+    }
+}
+
 static int refuse(enum bootside_result result, const std::string &detail) {
     fmt::print(stderr, "tarnix-chain: {}{}; nothing was written\ntarnix-chain: next: {}\n",
-               bootside_result_text(result), detail, next_step(result));
+               bootside_result_text(result), detail, next_step_of_write(result));
     return exit_not_whole;
 }
 
@@ -128,8 +145,8 @@ static int write_dump(struct disk_image *image, struct bootside *boot,
     }
     fmt::print(stderr, "tarnix-chain: {}\ntarnix-chain: {}\ntarnix-chain: next: {}\n",
                bootside_result_text(result),
-               image->error.empty() ? describe_verdict(*image, result, boot->walk) : image->error,
-               next_step(result));
+               image->error.empty() ? describe_verdict(*image, {result, boot->walk}) : image->error,
+               next_step_of_write(result));
     return exit_unreadable;
 }
 
@@ -145,7 +162,7 @@ int write_command(struct disk_image *image, const std::vector<std::string> &text
     if (status == exit_good) {
         const enum bootside_result result = open_chain(image, &boot);
         status = result == bootside_ok ? check_dump(&boot, files, replace)
-                                       : report_failure(*image, result, boot.walk);
+                                       : report_failure(*image, {result, boot.walk});
     }
     if (status == exit_good) {
         status = write_dump(image, &boot, files);

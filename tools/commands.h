@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/disk_image.h"
+#include "tools/chain_report.h"
 
 enum exit_status {
     exit_good = 0,
@@ -15,8 +15,8 @@ enum exit_status {
 };
 
 int status_command(struct disk_image *image, bool json);
-int verify_command(struct disk_image *image);
-int map_command(struct disk_image *image);
+int verify_command(struct disk_image *image, bool json);
+int map_command(struct disk_image *image, bool json);
 
 // `files` are NAME=FILE.
 int write_command(struct disk_image *image, const std::vector<std::string> &files, bool replace);
@@ -25,14 +25,14 @@ struct pull_options {
     std::string directory;
     bool force;
     bool pending_only;
+    bool json;
 };
 int pull_command(struct disk_image *image, const struct pull_options &options);
 
-// Verifies the whole chain behind a progress bar, with bootside_open.
-enum bootside_result open_chain(struct disk_image *image, struct bootside *boot);
+// The exit status of a command that needs the whole chain.
+enum exit_status exit_status_of(enum bootside_result result);
 
 // Prints the verdict and the next step on standard error, and returns the status that fits.
-int report_failure(const struct disk_image &image, enum bootside_result result,
-                   const struct bootside_walk &walk);
+int report_failure(const struct disk_image &image, const struct chain_finding &finding);
 
 #endif

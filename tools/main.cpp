@@ -15,7 +15,9 @@ struct command_line {
     bool json = false;
     bool replace = false;
     std::vector<std::string> files;
-    struct pull_options pull = {};
+    std::string directory;
+    bool force = false;
+    bool pending_only = false;
 };
 
 static CLI::App *add_command(CLI::App *app, struct command_line *line, const char *name,
@@ -40,27 +42,29 @@ static CLI::App *add_command(CLI::App *app, struct command_line *line, const cha
 }
 
 static void add_commands(CLI::App *app, struct command_line *line) {
-    add_command(app, line, "status", "Tell the state of the chain and the files of a dump",
-                "--disk phone.img")
-        ->add_flag("--json", line->json, "Print it as JSON");
-    add_command(app, line, "verify",
-                "Walk the whole chain; exit status 0 intact, 1 not, 3 unreadable",
-                "--misc misc.img --data userdata.img");
-    add_command(app, line, "map", "Show where the chain lies on the data partition",
-                "--disk phone.img");
+    CLI::App *status =
+        add_command(app, line, "status", "Tell the state of the chain and the files of a dump",
+                    "--disk phone.img");
+    CLI::App *verify =
+        add_command(app, line, "verify", "Walk the whole chain and say whether it is intact",
+                    "--misc misc.img --data userdata.img");
+    CLI::App *map = add_command(app, line, "map", "Show where the chain lies on the data partition",
+                                "--disk phone.img");
+    CLI::App *pull =
+        add_command(app, line, "pull", "Save the dump's files; the image stays as it is",
+                    "--disk phone.img crash-0117");
+    pull->add_option("DIR", line->directory, "Directory to write to, made if missing")->required();
+    pull->add_flag("--force", line->force, "Replace files that exist");
+    pull->add_flag("--pending-only", line->pending_only,
+                   "Leave an old dump, whose flag is not set, alone");
+    for (CLI::App *command : {status, verify, map, pull}) {
+        command->add_flag("--json", line->json, "Print it as JSON");
+    }
     CLI::App *write = add_command(app, line, "write", "Play the crash side: write a dump",
                                   "--disk phone.img DDRCS0.BIN=ram.bin OCIMEM.BIN=imem.bin");
     write->add_option("NAME=FILE", line->files, "The name in the dump, and the file to take")
         ->required();
     write->add_flag("--replace", line->replace, "Give up a dump that is pending");
-    CLI::App *pull =
-        add_command(app, line, "pull", "Save the dump's files; the image stays as it is",
-                    "--disk phone.img crash-0117");
-    pull->add_option("DIR", line->pull.directory, "Directory to write to, made if missing")
-        ->required();
-    pull->add_flag("--force", line->pull.force, "Replace files that exist");
-    pull->add_flag("--pending-only", line->pull.pending_only,
-                   "Leave an old dump, which the device has already extracted, alone");
 }
 
 static int run_command(const std::string &name, struct disk_image *image,
@@ -69,15 +73,15 @@ static int run_command(const std::string &name, struct disk_image *image,
         return status_command(image, line.json);
     }
     if (name == "verify") {
-        return verify_command(image);
+        return verify_command(image, line.json);
     }
     if (name == "map") {
-        return map_command(image);
+        return map_command(image, line.json);
     }
     if (name == "write") {
         return write_command(image, line.files, line.replace);
     }
-    return pull_command(image, line.pull);
+    return pull_command(image, {line.directory, line.force, line.pending_only, line.json});
 }
 
 static int run(int argc, char **argv) {

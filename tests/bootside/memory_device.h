@@ -104,9 +104,13 @@ inline void make_chain(uint32_t runs, uint32_t length, size_t buffer_blocks) {
 inline named_files read_dump() {
     named_files found;
     struct dump_sink sink;
-    sink.begin = [&](const struct dump_file &file) { found.emplace_back(file.name, ""); };
+    sink.begin = [&](const struct dump_file &file) {
+        found.emplace_back(file.name, "");
+        return true;
+    };
     sink.data = [&](const unsigned char *data, size_t length) {
         found.back().second.append(reinterpret_cast<const char *>(data), length);
+        return true;
     };
     struct bootside_walk walk;
     chain_walk_start(&walk, &device.port);

@@ -159,7 +159,7 @@ static std::string sound_disk() {
     EXPECT_EQ(0, run_command(true, [](auto *image) {
                   return write_command(image, {"A=/small", "B=/large", "C=/small"}, false);
               }));
-    EXPECT_EQ(0, run_command(false, verify_command));
+    EXPECT_EQ(0, run_command(false, [](auto *image) { return verify_command(image, false); }));
     return read_file(disk_path);
 }
 
@@ -199,8 +199,8 @@ static bool differs_only_in(std::string before, const std::string &after,
 }
 
 TEST(damaged_disks, are_safe_with_tarnix_chain) {
-    static const struct pull_options keep = {"/data/out", false, false};
-    static const struct pull_options replace = {"/data/out", true, true};
+    static const struct pull_options keep = {"/data/out", false, false, false};
+    static const struct pull_options replace = {"/data/out", true, true, true};
     static const struct {
         const char *name;
         bool writes;
@@ -208,10 +208,11 @@ TEST(damaged_disks, are_safe_with_tarnix_chain) {
     } commands[] = {
         {"status", false, [](auto *image) { return status_command(image, false); }},
         {"status --json", false, [](auto *image) { return status_command(image, true); }},
-        {"verify", false, verify_command},
-        {"map", false, map_command},
+        {"verify", false, [](auto *image) { return verify_command(image, false); }},
+        {"map", false, [](auto *image) { return map_command(image, false); }},
+        {"map --json", false, [](auto *image) { return map_command(image, true); }},
         {"pull", false, [](auto *image) { return pull_command(image, keep); }},
-        {"pull --force", false, [](auto *image) { return pull_command(image, replace); }},
+        {"pull --force --json", false, [](auto *image) { return pull_command(image, replace); }},
         {"write", true, [](auto *image) { return write_command(image, {"NEW=/small"}, false); }},
         {"write --replace", true,
          [](auto *image) { return write_command(image, {"NEW=/large"}, true); }},

@@ -1,4 +1,4 @@
-// tarnix-chain's pull and status over images that nobody vouches for.
+// What tarnix-chain's commands read and print of images that nobody vouches for.
 //
 // Input: the anchor's 24 bytes, then the data partition from byte 512 on. The partitions are files
 // in the working directory, where pull writes to "out".
@@ -50,8 +50,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const auto image = open_disk_image({"", "misc", "data", ""}, false, &error);  // is slow
     image->misc.size = nothing.size() + anchor;
     image->data.size = image->port.data_size = data_start + size - anchor;
-    run([] { return pull_command(image.get(), {"out", false, false}); });
-    run([size] { return status_command(image.get(), size % 2 == 0); });
+    const bool json = size % 2 == 0;
+    run([json] { return pull_command(image.get(), {"out", false, false, json}); });
+    run([json] { return pull_command(image.get(), {"out", json, false, !json}); });
+    run([json] { return status_command(image.get(), json); });
+    run([json] { return verify_command(image.get(), json); });
+    run([json] { return map_command(image.get(), json); });
     size_t written = 0;
     for (const std::string &name : list_directory("out")) {
         assert(is_plain(name, "") && name.find("..") == std::string::npos);
