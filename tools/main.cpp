@@ -23,11 +23,10 @@ struct command_line {
 static CLI::App *add_command(CLI::App *app, struct command_line *line, const char *name,
                              const char *about, const char *example) {
     CLI::App *command = app->add_subcommand(name, about);
-    CLI::Option *disk =
-        command->add_option("--disk", line->image.disk,
-                            "Whole-disk image or block device, with misc and the data partition in "
-                            "its GPT. Phones may have them on different disks: then use --misc and "
-                            "--data");
+    CLI::Option *disk = command->add_option(
+        "--disk", line->image.disk,
+        "Whole-disk image or block device, with both partitions in its GPT; where "
+        "they are on different disks, use --misc and --data");
     CLI::Option *misc = command->add_option("--misc", line->image.misc, "The misc partition");
     CLI::Option *data = command->add_option("--data", line->image.data, "The data partition");
     command
@@ -45,9 +44,9 @@ static void add_commands(CLI::App *app, struct command_line *line) {
     CLI::App *status =
         add_command(app, line, "status", "Tell the state of the chain and the files of a dump",
                     "--disk phone.img");
-    CLI::App *verify =
-        add_command(app, line, "verify", "Walk the whole chain and say whether it is intact",
-                    "--misc misc.img --data userdata.img");
+    CLI::App *verify = add_command(
+        app, line, "verify", "Walk the whole chain; exit status 0 intact, 1 not, 3 unreadable",
+        "--misc misc.img --data userdata.img");
     CLI::App *map = add_command(app, line, "map", "Show where the chain lies on the data partition",
                                 "--disk phone.img");
     CLI::App *pull =
@@ -89,6 +88,7 @@ static int run(int argc, char **argv) {
     struct command_line line;
     add_commands(&app, &line);
     app.require_subcommand(1);
+    app.set_version_flag("--version", "tarnix-chain " TARNIX_VERSION);
     app.footer(
         "Example:\n  tarnix-chain verify --disk phone.img\n\n"
         "Exit status: 0 good; 1 chain not intact, dump incomplete or request refused;\n"
