@@ -23,8 +23,9 @@ struct dump_sink {
     std::function<bool(const struct dump_file &)> end;
 };
 
-// What a reader may have to remember of a hostile image is bounded by this.
-constexpr uint32_t most_files = 4096;
+// More than any device writes. It bounds what a reader of a hostile image has to remember, and how
+// often pull waits for a file to be on the medium.
+constexpr uint32_t most_files = 1024;
 
 struct dump_reading {
     // Why the reading ended before the dump's end: a block out of reach, or a file of no bytes
