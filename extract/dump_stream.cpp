@@ -1,5 +1,6 @@
 #include "extract/dump_stream.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -20,6 +21,21 @@ static FILE *output;                    // where they go
 static struct dump_file_header header;  // the last one read
 static int32_t parse_error_count;       // bad magics, in block headers and file headers
 static bool ignore_bad_magic;           // never set: a bad magic is where a dump ends
+static int storage_error;               // the first, as dump_storage_error says
+
+static void note_storage_error(int error) {
+    if (storage_error == 0) {
+        storage_error = error;
+    }
+}
+
+int dump_storage_error() {
+    return storage_error;
+}
+
+bool dump_file_is_unfinished() {
+    return in_file && remaining > 0;
+}
 
 bool pass_over_bad_magic(uint32_t got, uint32_t expected) {
     ++parse_error_count;
@@ -32,13 +48,17 @@ bool pass_over_bad_magic(uint32_t got, uint32_t expected) {
 static int write_file_data(const uint8_t *data, uint64_t count) {
     // An empty file ends the dump here as well: nothing is one element of nothing.
     if (fwrite(data, count, 1, output) != 1) {
+        if (count > 0) {
+            note_storage_error(errno);
+        }
         log_info("Could not write %lu bytes", count);
         return -1;
     }
     remaining -= count;
     if (remaining == 0) {
-        // What a close reports too late is found missing when the dump is read.
-        (void)fclose(output);
+        if (fclose(output) != 0) {
+            note_storage_error(errno);
+        }
         output = nullptr;
         in_file = false;
     }
@@ -63,6 +83,9 @@ static int begin_file(const uint8_t *data) {
     log_error("full path: %s\n", path);
     output = fopen(path, "wb");
     if (output == nullptr) {
+        if (errno == ENOSPC || errno == EDQUOT || errno == EROFS || errno == EIO) {
+            note_storage_error(errno);
+        }
         log_info("Could not open file '%s' for writing\n", path);
         return -1;
     }
@@ -99,13 +122,17 @@ int64_t process_data(uint8_t *data, int64_t len) {
 }
 
 void sync_dump_files() {
-    if (output != nullptr) {
-        (void)fflush(output);
+    if (output != nullptr && fflush(output) != 0) {
+        note_storage_error(errno);
     }
     // The whole file system: the files, their directory and the directories above it.
     const int fd = open_retry(ramdump_path, O_RDONLY | O_DIRECTORY);
-    if (fd != -1) {
-        (void)syncfs(fd);
-        close(fd);
+    if (fd == -1) {
+        note_storage_error(errno);
+        return;
     }
+    if (TEMP_FAILURE_RETRY(syncfs(fd)) != 0) {
+        note_storage_error(errno);
+    }
+    close(fd);
 }

@@ -10,13 +10,21 @@
 // to be called again; `len` itself when that is below 1.
 int64_t process_data(uint8_t *data, int64_t len);
 
+// The first error number with which the storage refused a byte or a file of the dump, up to the
+// last sync_dump_files: no space left, or the flash. 0 when it took all. A name that cannot be
+// opened is the dump's own fault and no such error.
+int dump_storage_error();
+
+// Whether the last file that was begun still lacks bytes.
+bool dump_file_is_unfinished();
+
 // Counts the bad magics met so far, in block headers and file headers alike, and says whether this
 // one is to be passed over. Logs the one that is not: `got`, where `expected` should be.
 bool pass_over_bad_magic(uint32_t got, uint32_t expected);
 
 // Puts all that was written of the dump on flash, the file still open included, so that the flag of
-// a pending dump is never cleared before its files are safe. Logs nothing and has no result: what
-// could not be stored cannot be helped here.
+// a pending dump is never cleared before its files are safe. Logs nothing; what could not be
+// stored, dump_storage_error tells.
 void sync_dump_files();
 
 #endif

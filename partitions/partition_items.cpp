@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <stddef.h>
 #include <stdio.h>
+#include <string.h>
+#include <unistd.h>
 
 #include "chain/format/initial_block_header.h"
 
@@ -222,6 +224,17 @@ int mfg_emmc_write(int mfg_item, const void *buf, int len) {
     return 0;
 }
 
+int mfg_emmc_sync(int mfg_item) {
+    uint32_t offset = 0;
+    uint32_t length = 0;
+    if (mfg_open(mfg_item, &offset, &length) != 0) {
+        return -EIO;
+    }
+    const int result = TEMP_FAILURE_RETRY(fsync(fileno(partition_stream))) == 0 ? 0 : -errno;
+    close_partition();
+    return result;
+}
+
 int MISC_read_RamdumpInitHdr(struct initial_block_header *hdr) {
     if (hdr == nullptr) {
         return -EINVAL;
@@ -234,4 +247,19 @@ int MISC_write_RamdumpInitHdr(const struct initial_block_header *hdr) {
         return -EINVAL;
     }
     return mfg_emmc_write(anchor_item, hdr, sizeof(*hdr));
+}
+
+int store_anchor(const struct initial_block_header *hdr) {
+    int result = MISC_write_RamdumpInitHdr(hdr);
+    if (result == 0) {
+        result = mfg_emmc_sync(anchor_item);
+    }
+    struct initial_block_header stored = {};
+    if (result == 0) {
+        result = MISC_read_RamdumpInitHdr(&stored);
+    }
+    if (result == 0 && memcmp(&stored, hdr, sizeof(stored)) != 0) {
+        result = -EIO;
+    }
+    return result;
 }

@@ -22,8 +22,16 @@ int mfg_open(int mfg_item, uint32_t *offset, uint32_t *length);
 int mfg_emmc_read(int mfg_item, void *buf, int len);
 int mfg_emmc_write(int mfg_item, const void *buf, int len);
 
+// Puts what was written to the partition of item `mfg_item` on flash. 0 when it is there; -EIO when
+// the partition cannot be opened or has no such item, else the negated error of the sync.
+int mfg_emmc_sync(int mfg_item);
+
 // Reads or writes the chain's anchor, item 19 of misc. -EINVAL for a null record, else as above.
 int MISC_read_RamdumpInitHdr(struct initial_block_header *hdr);
 int MISC_write_RamdumpInitHdr(const struct initial_block_header *hdr);
+
+// Writes the anchor, waits until it is on flash, and reads it back. 0 when misc then holds it; else
+// negative: -EIO where what was read back differs. The transfers above report no such thing.
+int store_anchor(const struct initial_block_header *hdr);
 
 #endif
