@@ -6,7 +6,7 @@ import pytest
 from emulated import REPO, run, write_text
 
 POLICY = REPO / "android/sepolicy"
-ROOMS = ("bootside", "chain", "config", "driver", "extract", "fs_mgr", "partitions")
+ROOMS = ("bootside", "chain", "config", "driver", "extract", "fs_mgr", "guard", "partitions")
 
 
 def test_build_file_is_formatted_and_names_each_source():

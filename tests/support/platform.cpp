@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <linux/fiemap.h>
 #include <linux/fs.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -78,6 +79,30 @@ static bool is_interrupted() {
     return last;
 }
 
+static int answer_fibmap(int *block) {
+    ++platform.fibmap_calls;
+    const auto index = static_cast<size_t>(*block);
+    const struct fibmap_answer answer =
+        index < platform.fibmap.size() ? platform.fibmap[index] : fibmap_answer{*block, EINVAL};
+    *block = answer.block;
+    errno = answer.error != 0 ? answer.error : errno;
+    return answer.error != 0 ? -1 : 0;
+}
+
+// As file systems do: from the extent on that holds the first byte, as many as there is room for.
+static int answer_fiemap(struct fiemap *map) {
+    map->fm_mapped_extents = 0;
+    for (const struct fiemap_extent &extent : platform.extents) {
+        const bool is_before =
+            extent.fe_length > 0 && extent.fe_logical + extent.fe_length <= map->fm_start;
+        if (!is_before && map->fm_mapped_extents < map->fm_extent_count) {
+            map->fm_extents[map->fm_mapped_extents++] = extent;
+        }
+    }
+    errno = platform.fiemap_error != 0 ? platform.fiemap_error : errno;
+    return platform.fiemap_error != 0 ? -1 : 0;
+}
+
 extern "C" {
 
 // The C library's names of these where all files are large.
@@ -133,22 +158,21 @@ uid_t __wrap_getuid() {
 }
 
 int __wrap_ioctl(int /* fd */, unsigned long request, ...) {
-    EXPECT_EQ(static_cast<unsigned long>(FIBMAP), request);
     va_list arguments;
     va_start(arguments, request);
-    int *block = va_arg(arguments, int *);
+    void *argument = va_arg(arguments, void *);
     va_end(arguments);
     if (is_interrupted()) {
-        *block = 0;  // as the kernel leaves it
+        if (request == FIBMAP) {
+            *static_cast<int *>(argument) = 0;  // as the kernel leaves it
+        }
         return -1;
     }
-    ++platform.fibmap_calls;
-    const auto index = static_cast<size_t>(*block);
-    const struct fibmap_answer answer =
-        index < platform.fibmap.size() ? platform.fibmap[index] : fibmap_answer{*block, EINVAL};
-    *block = answer.block;
-    errno = answer.error != 0 ? answer.error : errno;
-    return answer.error != 0 ? -1 : 0;
+    if (request == FS_IOC_FIEMAP) {
+        return answer_fiemap(static_cast<struct fiemap *>(argument));
+    }
+    EXPECT_EQ(static_cast<unsigned long>(FIBMAP), request);
+    return answer_fibmap(static_cast<int *>(argument));
 }
 
 }  // extern "C"

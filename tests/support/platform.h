@@ -1,10 +1,11 @@
 // The platform under the code under test: properties in memory (libbase's), the caller's uid, the
-// file system's answers to FIBMAP, and system calls that go wrong when a test says so. The linker
-// leads the rooms' calls here.
+// file system's answers to FIBMAP and FIEMAP, and system calls that go wrong when a test says so.
+// The linker leads the rooms' calls here.
 #ifndef TARNIX_TESTS_SUPPORT_PLATFORM_H
 #define TARNIX_TESTS_SUPPORT_PLATFORM_H
 
 #include <android-base/properties.h>
+#include <linux/fiemap.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -36,6 +37,8 @@ struct test_platform {
     uid_t uid = 1000;                          // what getuid answers
     std::vector<struct fibmap_answer> fibmap;  // by file block, of any file; EINVAL behind the last
     int fibmap_calls = 0;
+    std::vector<struct fiemap_extent> extents;  // what FIEMAP answers, in the order of the file
+    int fiemap_error = 0;                       // errno with which it fails instead
     // The calls that come: each takes the front of its queue; with an empty queue, as usual.
     call_script reads;
     call_script writes;

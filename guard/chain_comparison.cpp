@@ -1,0 +1,175 @@
+#include "guard/chain_comparison.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "chain/block_map.h"
+#include "chain/chain_crc.h"
+#include "chain/format/block_header.h"
+#include "chain/format/initial_block_header.h"
+#include "guard/chain_extents.h"
+#include "guard/device_blocks.h"
+#include "guard/guard_log.h"
+
+// One comparison on its way.
+struct comparison {
+    int file;
+    const struct initial_block_header *anchor;
+    struct device_blocks *device;
+    struct chain_extents extents;
+    struct block_run run;   // the blocks that are looked at
+    struct block_run next;  // those that follow; no blocks behind the last run
+    bool every_header;
+    uint64_t runs;     // found good
+    uint64_t headers;  // read
+    uint32_t crc;      // running CRC up to here
+};
+
+static enum chain_comparison cannot_look(const char *what) {
+    guard_error("cannot look at the map file's blocks: %s: %s\n", what, strerror(errno));
+    return chain_cannot_be_compared;
+}
+
+// Whether FIBMAP, too, says that file block `index` lies at `place`: 0 for no place. Where it does
+// not, nothing may follow from the file system's word.
+static enum chain_comparison confirm(const struct comparison *work, uint64_t index,
+                                     uint64_t place) {
+    int block = static_cast<int>(index);
+    if (map_block(work->file, &block) != 0) {
+        return cannot_look("FIBMAP");
+    }
+    if (static_cast<uint64_t>(block) != place) {
+        guard_error(
+            "block %lu of the map file lies at %lu by FIEMAP and at %d by FIBMAP: nothing is "
+            "changed\n",
+            index, place, block);
+        return chain_disputed;
+    }
+    return chain_differs;
+}
+
+// The file's block `index`, at `place`, is not the chain's.
+static enum chain_comparison differs(const struct comparison *work, const char *reason,
+                                     uint64_t index, uint64_t place) {
+    const enum chain_comparison found = confirm(work, index, place);
+    if (found == chain_differs) {
+        guard_error("map file and chain differ at block %lu, device block %lu: %s\n", index, place,
+                    reason);
+    }
+    return found;
+}
+
+// Compares the header of block `i` of the run. The one that it must lead to is `next`.
+static enum chain_comparison compare_header(struct comparison *work, uint64_t i, uint64_t next) {
+    const uint64_t place = work->run.place + i;
+    const uint8_t *bytes =
+        work->every_header ? read_in_order(work->device, place) : read_alone(work->device, place);
+    if (bytes == nullptr) {
+        return cannot_look("read");
+    }
+    ++work->headers;
+    struct block_header header;
+    memcpy(&header, bytes, sizeof(header));
+    const uint64_t index = work->run.index + i;
+    if (header.magic != block_header_magic) {
+        return differs(work, "bad magic", index, place);
+    }
+    if (header.next_block == next && header.crc32 == work->crc) {
+        return chain_matches;
+    }
+    // The next block's place is part of what was found wrong.
+    const enum chain_comparison found = next == 0 ? chain_differs : confirm(work, index + 1, next);
+    return found == chain_differs
+               ? differs(work, header.next_block == next ? "bad CRC" : "it leads elsewhere", index,
+                         place)
+               : found;
+}
+
+// Compares the header of block `i` of the run, whose link is the CRC's next.
+static enum chain_comparison compare_block(struct comparison *work, uint64_t i) {
+    const struct block_run *run = &work->run;
+    const uint64_t next = i + 1 == run->count ? work->next.place : run->place + i + 1;
+    work->crc = extend_chain_crc(work->crc, run->place + i, next);
+    return compare_header(work, i, next);
+}
+
+static enum chain_comparison compare_run(struct comparison *work) {
+    const struct block_run *run = &work->run;
+    const uint64_t last = run->count - 1;
+    enum chain_comparison found = compare_block(work, 0);
+    if (!work->every_header && last > 1) {
+        // What stands in the headers between the ends follows from the run: only the links count.
+        work->crc = extend_chain_crc_over_run(work->crc, run->place + 1, last - 1);
+    }
+    for (uint64_t i = work->every_header ? 1 : std::max<uint64_t>(last, 1);
+         i <= last && found == chain_matches; ++i) {
+        found = compare_block(work, i);
+    }
+    return found;
+}
+
+static enum chain_comparison compare_runs(struct comparison *work) {
+    const char no_place[] = "it has no place";
+    if (next_run(&work->extents, &work->run) == -1) {
+        return cannot_look("FIEMAP");
+    }
+    if (work->run.place == 0) {
+        return differs(work, no_place, 0, 0);
+    }
+    if (work->run.place != work->anchor->first_block) {
+        return differs(work, "the anchor leads elsewhere", 0, work->run.place);
+    }
+    for (int more = 1; more == 1; work->run = work->next) {
+        work->next = {};
+        more = next_run(&work->extents, &work->next);
+        if (more == -1) {
+            return cannot_look("FIEMAP");
+        }
+        if (more == 1 && work->next.place == 0) {
+            return differs(work, no_place, work->next.index, 0);
+        }
+        const enum chain_comparison found = compare_run(work);
+        if (found != chain_matches) {
+            return found;
+        }
+        ++work->runs;
+    }
+    return chain_matches;
+}
+
+enum chain_comparison compare_chain(int file, const struct initial_block_header *anchor,
+                                    struct device_blocks *device, bool every_header) {
+    struct stat map_stat;
+    if (fstat(file, &map_stat) != 0) {
+        return cannot_look("stat");
+    }
+    // As the chain was built: in the file's own block size, whole blocks only.
+    const uint64_t block_length = static_cast<uint64_t>(map_stat.st_blksize);
+    const uint64_t n_blocks = static_cast<uint64_t>(map_stat.st_size) / block_length;
+    if (block_length != anchor->block_length || n_blocks != anchor->n_blocks || n_blocks == 0) {
+        guard_error("the map file has %lu blocks of %lu bytes, the chain %u of %u\n", n_blocks,
+                    block_length, anchor->n_blocks, anchor->block_length);
+        return chain_differs;
+    }
+    // Every block must have its place before it is asked for.
+    if (TEMP_FAILURE_RETRY(fsync(file)) != 0) {
+        return cannot_look("fsync");
+    }
+    struct comparison work = {};
+    work.file = file;
+    work.anchor = anchor;
+    work.device = device;
+    work.every_header = every_header;
+    work.crc = anchor->crc32;
+    start_extents(&work.extents, file, block_length, n_blocks);
+    const enum chain_comparison found = compare_runs(&work);
+    if (found == chain_matches) {
+        guard_info("the chain is the map file's: %lu blocks in %lu runs, %lu headers read\n",
+                   n_blocks, work.runs, work.headers);
+    }
+    return found;
+}

@@ -1,0 +1,106 @@
+#include "guard/chain_guard.h"
+
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "chain/anchor_clearing.h"
+#include "chain/format/initial_block_header.h"
+#include "config/properties.h"
+#include "guard/chain_comparison.h"
+#include "guard/chain_links.h"
+#include "guard/dump_rescue.h"
+#include "guard/guard_log.h"
+#include "guard/guarded_map.h"
+#include "guard/map_pinning.h"
+#include "partitions/partition_items.h"
+
+static enum chain_comparison compare(struct guarded_map *map, bool every_header) {
+    if (map->file == -1) {
+        guard_error("the map file is missing: %s\n", map->path);
+        return chain_differs;
+    }
+    return compare_chain(map->file, &map->anchor, &map->device, every_header);
+}
+
+// Walks the old chain along its links, whose blocks need no longer be the map file's, and publishes
+// what is left of it. Returns how many blocks hold.
+static uint64_t walk_old_chain(struct guarded_map *map) {
+    struct chain_links links = {};
+    links.fault = "absurd block length";
+    if (map->device.buffer != nullptr) {
+        start_links(&links, &map->anchor, &map->device);
+        while (next_link(&links) != nullptr) {
+        }
+    }
+    if (links.fault == nullptr) {
+        guard_error("the anchor's chain is whole: %lu blocks\n", links.position);
+    } else {
+        guard_error("the anchor's chain breaks off behind %lu of %u blocks: %s\n", links.position,
+                    map->anchor.n_blocks, links.fault);
+    }
+    (void)property_set("vendor.tarnix.chain", links.fault == nullptr ? "moved" : "broken");
+    return links.position;
+}
+
+// Takes the anchor and then the map file away, so that the service makes new ones. Never the other
+// way round: an old anchor over a new map file is what the service takes for a good chain.
+static enum guard_status start_over(struct guarded_map *map) {
+    clear_anchor();
+    const struct initial_block_header cleared = {};
+    const int error = -store_anchor(&cleared);
+    if (error != 0) {
+        guard_error("the anchor cannot be cleared, the map file stays: %s\n", strerror(error));
+        return guard_cannot_look;
+    }
+    if (map->file != -1 && unlink(map->path) != 0) {
+        // The service makes it anew, since it has no anchor.
+        guard_error("cannot delete %s: %s\n", map->path, strerror(errno));
+        return guard_done;
+    }
+    guard_error("anchor and map file are gone, the service makes new ones: %s\n", map->path);
+    return guard_done;
+}
+
+static enum guard_status put_right(struct guarded_map *map) {
+    const uint64_t blocks = walk_old_chain(map);
+    if (is_dump_pending(map->anchor.flags)) {
+        if (blocks == 0) {
+            guard_error("the pending dump is lost: its first block cannot be found\n");
+        } else if (!rescue_dump(&map->anchor, &map->device, map->path)) {
+            return guard_refuses;
+        }
+    }
+    return start_over(map);
+}
+
+enum guard_status guard_chain(const char *map_path, bool every_header) {
+    char seen[property_value_max];
+    const bool first_in_boot = property_get("vendor.tarnix.chain", seen, "") == 0;
+    struct guarded_map map = {};
+    map.file = -1;
+    if (MISC_read_RamdumpInitHdr(&map.anchor) != 0) {
+        guard_error("cannot look: misc cannot be opened\n");
+        return guard_cannot_look;
+    }
+    if (!is_initial_block_header(&map.anchor)) {
+        guard_info("no chain to guard\n");
+        (void)property_set("vendor.tarnix.chain", "none");
+        return guard_done;
+    }
+    if (open_guarded_map(map_path, &map) != 0) {
+        return guard_cannot_look;
+    }
+    switch (compare(&map, every_header)) {
+        case chain_matches:
+            (void)property_set("vendor.tarnix.chain", "good");
+            pin_map_file(map.file, first_in_boot);
+            return guard_done;
+        case chain_differs:
+            return put_right(&map);
+        case chain_disputed:
+        case chain_cannot_be_compared:
+            break;
+    }
+    return guard_cannot_look;
+}

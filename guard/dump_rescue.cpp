@@ -1,0 +1,57 @@
+#include "guard/dump_rescue.h"
+
+#include <stdint.h>
+#include <string.h>
+
+#include "chain/format/dump_layout.h"
+#include "chain/format/initial_block_header.h"
+#include "extract/dump_space.h"
+#include "extract/dump_stream.h"
+#include "extract/pending_dump.h"
+#include "guard/chain_links.h"
+#include "guard/device_blocks.h"
+#include "guard/guard_log.h"
+#include "partitions/partition_items.h"
+
+// Feeds the payloads to the parser until the dump or the chain ends, and says how it ended.
+static void parse_links(const struct initial_block_header *anchor, struct device_blocks *device) {
+    const uint32_t payload_size = dump_payload_size(device->block_length);
+    struct chain_links links;
+    start_links(&links, anchor, device);
+    for (uint8_t *bytes = next_link(&links); bytes != nullptr; bytes = next_link(&links)) {
+        if (process_data(bytes + sizeof(struct block_header), payload_size) < 0) {
+            guard_error("the pending dump is saved along the links: %lu blocks\n", links.position);
+            return;
+        }
+    }
+    if (links.fault != nullptr) {
+        guard_error(
+            "the pending dump is cut: %lu of %u blocks are saved, then the chain "
+            "breaks off: %s\n",
+            links.position, anchor->n_blocks, links.fault);
+    } else if (dump_file_is_unfinished()) {
+        guard_error("the pending dump is cut: its last file goes on behind the chain's end\n");
+    } else {
+        guard_error("the pending dump is saved along the links: %lu blocks\n", links.position);
+    }
+}
+
+bool rescue_dump(struct initial_block_header *anchor, struct device_blocks *device,
+                 const char *map_path) {
+    if (begin_extraction(anchor) < 0 || !has_space_for_dump(map_path)) {
+        guard_error("the pending dump cannot be saved: it stays, and nothing is started\n");
+        return false;
+    }
+    parse_links(anchor, device);
+    sync_dump_files();
+    int error = dump_storage_error();
+    if (error == 0) {
+        finish_extraction(anchor, map_path);
+        error = -store_anchor(anchor);
+    }
+    if (error != 0) {
+        guard_error("the pending dump is not safe: it stays, and nothing is started: %s\n",
+                    strerror(error));
+    }
+    return error == 0;
+}

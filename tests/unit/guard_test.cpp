@@ -1,0 +1,180 @@
+// What the file systems of the emulated device do not answer, and chains that only a forger makes.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fiemap.h>
+
+#include "chain/format/block_header.h"
+#include "chain/format/initial_block_header.h"
+#include "guard/chain_comparison.h"
+#include "guard/chain_links.h"
+#include "guard/device_blocks.h"
+#include "tests/support/captured_log.h"
+#include "tests/support/chain_image.h"
+#include "tests/support/files.h"
+#include "tests/support/platform.h"
+#include "tests/support/private_root.h"
+
+static const uint32_t seed = 0x12345678;
+static const std::vector<uint32_t> chain = {5, 6, 9, 8};
+
+static void make_chain(const std::vector<uint32_t> &blocks) {
+    const std::vector<std::string> headers = chain_headers(seed, blocks);
+    for (size_t i = 0; i < blocks.size(); ++i) {
+        write_file_at(DEVICE_PATH, blocks[i] * block_length, headers[i]);
+    }
+}
+
+static struct initial_block_header anchor_of(const std::vector<uint32_t> &blocks) {
+    return fresh_initial_block_header(blocks[0], block_length, static_cast<uint32_t>(blocks.size()),
+                                      seed);
+}
+
+static enum chain_comparison compare(const std::vector<uint32_t> &blocks) {
+    make_map_file(blocks.size() * block_length + 1);
+    const struct initial_block_header anchor = anchor_of(blocks);
+    struct device_blocks device;
+    must(open_device_blocks(DEVICE_PATH, block_length, &device) == 0, DEVICE_PATH);
+    const int file = open(MAP_PATH, O_RDONLY);
+    const enum chain_comparison result = compare_chain(file, &anchor, &device, false);
+    close_device_blocks(&device);
+    return result;
+}
+
+// An extent in blocks of the file and the device.
+static struct fiemap_extent extent(uint64_t index, uint64_t place, uint64_t count,
+                                   uint32_t flags = 0) {
+    struct fiemap_extent result = {};
+    result.fe_logical = index * block_length;
+    result.fe_physical = place * block_length;
+    result.fe_length = count * block_length;
+    result.fe_flags = flags;
+    return result;
+}
+
+TEST(guard, extents) {
+    struct fiemap_extent misaligned = extent(2, 9, 1);
+    misaligned.fe_physical += 512;
+    const fibmap_answer as_chain[] = {{5}, {6}, {9}, {8}};
+    const fibmap_answer no_third[] = {{5}, {6}, {0}, {8}};
+    const std::vector<fibmap_answer> same(as_chain, as_chain + 4);
+    const std::vector<fibmap_answer> hole(no_third, no_third + 4);
+    const auto third = [](uint32_t flags) {
+        return std::vector<struct fiemap_extent>{extent(0, 5, 2), extent(2, 9, 1, flags),
+                                                 extent(3, 8, 1)};
+    };
+    const struct {
+        const char *name;
+        std::vector<struct fiemap_extent> extents;
+        std::vector<fibmap_answer> fibmap;
+        enum chain_comparison result;
+        int error = 0;
+    } rows[] = {
+        {"three runs", third(0), {}, chain_matches},
+        {"side by side, the last part of a block",
+         {extent(0, 5, 1), extent(1, 6, 1), extent(2, 9, 1), extent(3, 8, 2)},
+         {},
+         chain_matches},
+        {"encrypted",
+         third(FIEMAP_EXTENT_ENCODED | FIEMAP_EXTENT_DATA_ENCRYPTED),
+         {},
+         chain_matches},
+        {"compressed", third(FIEMAP_EXTENT_ENCODED), hole, chain_differs},
+        {"unwritten", third(FIEMAP_EXTENT_UNWRITTEN), hole, chain_differs},
+        {"inline", third(FIEMAP_EXTENT_DATA_INLINE), hole, chain_differs},
+        {"delayed", third(FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_UNKNOWN), hole, chain_differs},
+        {"unwritten by one word only", third(FIEMAP_EXTENT_UNWRITTEN), same, chain_disputed},
+        {"misaligned", {extent(0, 5, 2), misaligned, extent(3, 8, 1)}, same, chain_disputed},
+        {"hole", {extent(0, 5, 2), extent(3, 8, 1)}, hole, chain_differs},
+        {"hole at the end", {extent(0, 5, 2)}, hole, chain_differs},
+        {"nothing", {}, {{0}}, chain_differs},
+        {"begins elsewhere", {extent(0, 7, 4)}, {{7}}, chain_differs},
+        {"goes on elsewhere",
+         {extent(0, 5, 2), extent(2, 10, 2)},
+         {{5}, {6}, {10}, {11}},
+         chain_differs},
+        {"goes on elsewhere by one word only",
+         {extent(0, 5, 2), extent(2, 10, 2)},
+         same,
+         chain_disputed},
+        {"past 32 bits",
+         {extent(0, 5, 2), extent(2, uint64_t{1} << 32 | 9, 1), extent(3, 8, 1)},
+         hole,
+         chain_differs},
+        {"nobody confirms", {extent(0, 7, 4)}, {{7, EPERM}}, chain_cannot_be_compared},
+        {"never answers what is asked", {extent(0, 5, 0)}, {}, chain_cannot_be_compared},
+        {"no such call", {}, {}, chain_cannot_be_compared, EOPNOTSUPP},
+        {"past the device",
+         {extent(0, 5, 2), extent(2, 100, 1), extent(3, 8, 1)},
+         {{5}, {6}, {100}, {8}},
+         chain_differs},
+    };
+    for (const auto &row : rows) {
+        on_fresh_device(row.name, [&row] {
+            write_file(DEVICE_PATH, std::string(16 * block_length, 'd'));
+            make_chain(chain);
+            platform.extents = row.extents;
+            platform.fibmap = row.fibmap;
+            platform.fiemap_error = row.error;
+            EXPECT_EQ(row.result, compare(chain)) << take_log();
+        });
+    }
+}
+
+// More runs than one answer holds; each is read at both ends.
+DEVICE_TEST(guard, many_extents) {
+    std::vector<uint32_t> blocks;
+    for (uint32_t i = 0; i < 300; ++i) {
+        blocks.push_back(1000 - 3 * i + (i % 2));
+        platform.extents.push_back(extent(i, blocks[i], 1));
+    }
+    make_chain(blocks);
+    write_file_at(DEVICE_PATH, 1100 * block_length, "d");
+    EXPECT_EQ(chain_matches, compare(blocks));
+    EXPECT_EQ("I the chain is the map file's: 300 blocks in 300 runs, 300 headers read\n",
+              take_log());
+    platform.extents[250].fe_physical = 1050 * block_length;
+    platform.fibmap.assign(300, {0});
+    platform.fibmap[249] = {static_cast<int>(blocks[249])};
+    platform.fibmap[250] = {1050};
+    EXPECT_EQ(chain_differs, compare(blocks));
+}
+
+TEST(guard, links) {
+    const struct {
+        const char *name;
+        std::vector<uint32_t> blocks;  // linked in this order
+        uint32_t n_blocks;             // the anchor's
+        uint64_t good;
+        const char *fault;
+    } rows[] = {
+        {"whole", {5, 6, 9, 8}, 4, 4, nullptr},
+        {"shorter than the anchor says", {5, 6, 9, 8}, 5, 4, "it ends too early"},
+        {"longer", {5, 6, 9, 8}, 3, 3, "it goes on behind its last block"},
+        {"a cycle", {5, 6, 9, 5}, UINT32_MAX, 3, "bad CRC"},
+        {"past the device", {5, 6, 1u << 31}, 9, 2, "a link leads past the device"},
+        {"nothing", {0}, 0, 0, nullptr},
+    };
+    for (const auto &row : rows) {
+        on_fresh_device(row.name, [&row] {
+            write_file(DEVICE_PATH, std::string(16 * block_length, 'd'));
+            const std::vector<std::string> headers = chain_headers(seed, row.blocks);
+            // The first header of a block that is linked twice stays.
+            for (size_t i = headers.size(); i-- > 0;) {
+                if (row.blocks[i] < 16) {
+                    write_file_at(DEVICE_PATH, row.blocks[i] * block_length, headers[i]);
+                }
+            }
+            struct initial_block_header anchor = anchor_of(row.blocks);
+            anchor.n_blocks = row.n_blocks;
+            struct device_blocks device;
+            must(open_device_blocks(DEVICE_PATH, block_length, &device) == 0, DEVICE_PATH);
+            struct chain_links links;
+            start_links(&links, &anchor, &device);
+            while (next_link(&links) != nullptr) {
+            }
+            EXPECT_EQ(row.good, links.position);
+            EXPECT_STREQ(row.fault, links.fault);
+        });
+    }
+}
