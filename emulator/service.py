@@ -21,4 +21,7 @@ def read_rc(path):
 
 
 # The directories are made on userdata in this order before the service starts.
-DIRECTORIES, (TOOL, *ARGUMENTS) = read_rc(RC)
+DIRECTORIES, COMMAND = read_rc(RC)
+# The guard comes first; what follows "--" is the tool's, which it starts.
+GUARD = COMMAND[0]
+TOOL = COMMAND[COMMAND.index("--") + 1]

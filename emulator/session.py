@@ -80,20 +80,20 @@ def start(device, shared, description, script, additions, run):
 
 
 def service_script(description, runs, options):
-    """What the device does at a start. runs: number -> arguments of the tool's runs."""
+    """What the device does at a start. runs: number -> command line of the run."""
     lines = ["fill_properties", f"mount_data {description['fs']} {MOUNT_OPTIONS}"]
     lines += [f"make_directory {path} {mode:o} {owner}"
               for path, mode, owner in service.DIRECTORIES]
     lines += ["script before"] if options.before else []
     lines += [shlex.join(["run", str(number), str(options.uid), *shlex.split(options.wrap),
-                          service.TOOL, *arguments]) for number, arguments in runs.items()]
+                          *command]) for number, command in runs.items()]
     lines += ["script after"] if options.after else []
     lines += ["list_properties /host/properties", "is_up"]
     return "\n".join(lines) + "\n"
 
 
 def number_runs(runs, options):
-    """For each start of the device what ends it, and number -> arguments of its runs of the tool:
+    """For each start of the device what ends it, and number -> command line of its runs:
     all of them, unless it crashes before the service or power is cut before the system starts."""
     starts, count = [], 0
     for event in [*options.events, "off"]:
@@ -152,7 +152,9 @@ def stored_properties(device, description, options):
 def boot_additions(device, description, options):
     """The files of a boot's root file system: path on the device -> host path or bytes."""
     properties = stored_properties(device, description, options)
-    return {service.TOOL: options.tool if not options.no_run else b"", **dict(options.file),
+    programs = {} if options.no_run else {service.TOOL: options.tool, service.GUARD: options.guard}
+    return {**{path: program for path, program in programs.items() if os.path.exists(program)},
+            **dict(options.file),
             **{f"emulator/properties/{key}": value.encode() for key, value in properties.items()},
             **{f"emulator/{name}": path for name, path in
                (("before", options.before), ("after", options.after)) if path}}
@@ -161,9 +163,11 @@ def boot_additions(device, description, options):
 def boot(device, description, options):
     """Boots the device as the options of the boot or the crash command say and returns the tool's
     exit status: with several runs the first that is not 0."""
-    runs = [shlex.split(line) for line in options.run]
-    if options.arguments or not (runs or options.no_run):
-        runs.append(options.arguments or service.ARGUMENTS)
+    runs = [[service.TOOL, *shlex.split(line)] for line in options.run]
+    if options.arguments:
+        runs.append([service.TOOL, *options.arguments])
+    elif not (runs or options.no_run):
+        runs.append(service.COMMAND)
     starts = number_runs(runs, options)
     for stale in ("log", "stdout", "console", "result.json"):
         if os.path.exists(os.path.join(device, stale)):
@@ -184,8 +188,8 @@ def boot(device, description, options):
     finally:
         seconds = round(time.monotonic() - start_time, 2)
         collect_output(device)
-    results = [run_result(os.path.join(shared, str(number)), arguments)
-               for _, numbered in starts for number, arguments in numbered.items()]
+    results = [run_result(os.path.join(shared, str(number)), command[1:])
+               for _, numbered in starts for number, command in numbered.items()]
     properties = parse_properties(os.path.join(shared, "properties"))
     for key, value in properties.items():
         if key.startswith("persist."):

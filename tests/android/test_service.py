@@ -11,10 +11,10 @@ CREATE = f"--run=-a 1048576 {MAP}"
 TYPES = (("/data/vendor/ramdump", "tarnix_data_file"), ("/data/vendor", "vendor_data_file"),
          ("/dev/vda5", "userdata_block_device"), ("/dev/vda1", "misc_block_device"),
          ("/fstab.", "rootfs"), ("/vendor/etc", "vendor_configs_file"),
-         ("/proc/cmdline", "proc_cmdline"),
+         ("/vendor/bin/tarnix", "tarnix_exec"), ("/proc/cmdline", "proc_cmdline"),
          ("/sys/firmware/devicetree/base/firmware/android", "sysfs_dt_firmware_android"))
-PERMISSIONS = {"openat": "open", "fchmodat": "setattr", "newfstatat": "getattr", "read": "read",
-               "write": "write", "getdents64": "read", "mkdirat": "create"}
+PERMISSIONS = {"execve": "execute_no_trans", "openat": "open", "fchmodat": "setattr", "newfstatat": "getattr", "read": "read",
+               "pread64": "read", "write": "write", "getdents64": "read", "mkdirat": "create"}
 
 
 def type_of(path):
@@ -27,11 +27,13 @@ def needs(trace):
     for call, line in re.findall(r"^\d+ +(\w+)\((.* = [^-].*)$", trace, flags=re.M):
         # Rather what a descriptor stands for, as the one that was opened, than a name with links.
         paths = re.findall(r'[<"](/[^">]*)[">]', line)
+        if call == "execve":
+            del paths[1:]  # the program, not what it is given
         path = next((path for path in reversed(paths) if type_of(path)), None)
         if path is None:
             continue
         kind = "blk_file" if path.startswith("/dev/") else \
-            "file" if re.search(r"\.\w+$|^/fstab|^/proc|^/sys", path) else "dir"
+            "file" if re.search(r"\.\w+$|^/fstab|^/proc|^/sys|^/vendor/bin", path) else "dir"
         found |= {(name, "dir", "search") for name in {type_of(os.path.dirname(path))} if name}
         if call == "unlinkat":
             removed = ("dir", "rmdir") if "REMOVEDIR" in line else ("file", "unlink")
@@ -65,14 +67,17 @@ def test_capability_and_policy_are_enough_and_needed(tmp_path):
            "--file", f"/bin/strace={SYSROOT}/usr/bin/strace", "--no-fstab",
            "--file", f"/vendor/etc/fstab.virt={fstab}", "--dt",
            "android/compatible=android,firmware", "--dt", "android/slot_suffix=data")
-    # A chain, its test, a first dump, and a second one that takes the first one's place.
-    for runs in ([CREATE, f"--run=-t {MAP}", "--file", f"/fstab.virt={fstab}"], [], []):
+    cut_map = ["--before", write_text(tmp_path / "cut", f"truncate -s 8192 {MAP}"), CREATE]
+    # A chain, its test, a first dump, a second one that takes the first one's place, and one that
+    # the guard saves, since the map file is no longer the chain's.
+    for runs, guard in (([CREATE, f"--run=-t {MAP}", "--file", f"/fstab.virt={fstab}"], ""),
+                        ([], ""), ([], ""), (cut_map, "/vendor/bin/tarnix-guard --")):
         log += device("boot", phone, *runs, "--wrap",
-                      f"strace -f -y -A -o /host/trace /bin/keep {number}").stderr
+                      f"strace -f -y -A -o /host/trace /bin/keep {number} {guard}").stderr
         trace += (phone / "boot/trace").read_text()
         crash(phone, {"a.bin": bytes(5000)})
     log = re.sub(r".*fstab\..*\n", "", log)  # the table that is not in /
-    assert log.count("Success") == 3 and not re.search("fail|cannot|rror:", log), log
+    assert log.count("Success") == 4 and not re.search("fail|cannot|rror:", log), log
     log = device("boot", phone, "--wrap", "/bin/keep -1",
                  "--run=-a 4096 /data/vendor/ramdump/new", accept=[255]).stderr
     assert "failed to find block 0" in log
