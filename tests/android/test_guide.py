@@ -14,10 +14,11 @@ INTEGRATION, TROUBLE = (PAGES[REPO / "docs" / name] for name in ("integration.md
                                                                 "troubleshooting.md"))
 FOLDER = REPO / "build/first-dump"  # the commands'
 STRING = r'"(?:[^"\\]|\\.)*"'
-CALL = re.compile(rf"\b(log_\w+|\w*printf|P?LOG|CHECK|next_field)\(((?:{STRING}|[^;\"])*);")
+CALL = re.compile(rf"\b((?:log|guard)_\w+|\w*printf|P?LOG|CHECK|next_field)\(((?:{STRING}|[^;\"])*);")
 CONVERSION = re.compile(r"%[-#0-9]*(?:l|ll|z)?[diuxsc]")
-PRIORITIES = {"log_info": "I", "log_warn": "W", "log_error": "E", "printf": "out", "LOG": "E",
-              "PLOG": "E", "CHECK": "F", "next_field": "E"}
+PLAIN = {"log_info": "I", "log_warn": "W", "log_error": "E", "guard_info": "I", "guard_error": "E",
+         "printf": "out"}
+PRIORITIES = {**PLAIN, "LOG": "E", "PLOG": "E", "CHECK": "F", "next_field": "E"}
 
 
 def test_the_commands_end_with_a_dump():
@@ -91,7 +92,7 @@ def strings(text):
 
 def message_of(call, arguments):
     """The text that a call writes, with % for whatever varies; None for a call that writes none."""
-    if call in ("log_info", "log_warn", "log_error", "printf"):
+    if call in PLAIN:
         return CONVERSION.sub("%", strings(re.match(rf"(?:\s*{STRING})+", arguments)[0]))
     if call == "next_field":
         # The message is its last argument. The definition has none.

@@ -27,6 +27,7 @@ results=/host/$1 tool=$0
 exec 5>&1 6>&2 >$results/shell 2>&1
 tarnix() { status=0; $way $tool ${seed--i 12345678} "$@" >&5 2>&6 || status=$?; }
 setprop() { (umask 022; printf %s "$2" >/dev/__properties__/$1); }
+getprop() { cat /dev/__properties__/$1 2>/dev/null || :; }
 as_user() {
     echo u$1:x:$1:$1::/:/bin/sh >>/etc/passwd
     su -s /bin/sh -c 'shift; "$@"' -- u$1 sh "$@"
@@ -89,11 +90,11 @@ def chain_of(phone):
     return chain
 
 
-def boot(phone, steps):
+def boot(phone, steps, *options):
     """One boot with all the runs. Checks each one's status, memory and log."""
     # The status is the first run's that is not 0; the runs are judged one by one.
     device("boot", phone, "--wrap", shlex.join(["sh", "-ec", WRAPPER]),
-           "--file", f"/bin/strace={SYSROOT}/usr/bin/strace", "--timeout", 300,
+           "--file", f"/bin/strace={SYSROOT}/usr/bin/strace", "--timeout", 300, *options,
            *(f"--run={n} {shlex.quote(step.script)}" for n, step in enumerate(steps, 1)),
            accept=set(range(256)) - {EMULATOR_FAILED})
     results = json.loads((phone / "result.json").read_bytes())["runs"]

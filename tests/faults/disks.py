@@ -163,9 +163,9 @@ def chain_of(blocks):
     return found
 
 
-# flags: the anchor's, None without its magic; whole: the chain verifies and is the map file's
-# blocks, in order; verdict: tarnix-chain's; files: as read_ext4 says.
-Disk = collections.namedtuple("Disk", "anchor flags whole verdict files")
+# flags: the anchor's, None without its magic; verifies: the chain, by its links; whole: it is also
+# the map file's blocks, in order; verdict: tarnix-chain's; files: as read_ext4 says.
+Disk = collections.namedtuple("Disk", "anchor flags verifies whole verdict files")
 
 
 def look_at(fs, blocks, folder, saw_errors=False):
@@ -178,10 +178,11 @@ def look_at(fs, blocks, folder, saw_errors=False):
         check_file_system(fs, data, saw_errors)
         files, map_blocks = (read_ext4 if fs == "ext4" else read_f2fs)(data, scratch)
         if anchor[0] != ANCHOR_MAGIC:
-            return Disk(anchor, None, False, "no anchor", files)
+            return Disk(anchor, None, False, False, "no anchor", files)
         verified = run(CHAIN, "verify", "--misc", misc, "--data", data, accept=(0, 1))
-    whole = verified.returncode == 0 and chain_of(blocks) == map_blocks
-    return Disk(anchor, anchor[5], whole, verified.stdout + verified.stderr, files)
+    verifies = verified.returncode == 0
+    whole = verifies and chain_of(blocks) == map_blocks
+    return Disk(anchor, anchor[5], verifies, whole, verified.stdout + verified.stderr, files)
 
 
 def newest_dump(disk):

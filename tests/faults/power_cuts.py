@@ -15,24 +15,40 @@ import struct
 import sys
 import tempfile
 
-from disks import (BLOCK, CREATE, DATA, DATA_SIZE, MAP, SERVICE, boot, crash, device, device_of,
-                   holds_dump, load_blocks, look_at, newest_dump, save_blocks, write_text)
+from disks import (BLOCK, CREATE, DATA, DATA_SIZE, MAP, REPO, SERVICE, boot, crash, device,
+                   device_of, holds_dump, load_blocks, look_at, newest_dump, save_blocks,
+                   write_text)
+
+sys.path.append(f"{REPO}/tests/emulator")
+from emulated import compile_for_device
 
 # Somebody else's syncs beside the tool, so that its writes reach the disk in many small steps.
 BUSY = """sh -c '(while :; do sync; usleep 2000; done) & "$@"; s=$?; kill $!; exit $s' sh"""
 
-# One after another on one device. dump: the crash to extract, None where a chain is built.
-Scenario = collections.namedtuple("Scenario", "name arguments before dump")
+# The service, which starts by the guard.
+GUARD = "/vendor/bin/tarnix-guard --"
+# f2fs on so small a disk writes in place otherwise.
+MOVE = f"""
+    [ ! -e /sys/fs/f2fs/vda5/ipu_policy ] || echo 0 >/sys/fs/f2fs/vda5/ipu_policy
+    echo 3 >/proc/sys/vm/drop_caches
+    move_blocks {MAP}
+"""
+
+# One after another on one device. dump: the crash to extract, None where a chain is built. wrap: by
+# the guard, where somebody or the file system has done something to the map file, in `before`.
+Scenario = collections.namedtuple("Scenario", "name arguments before dump wrap", defaults=("",))
 SCENARIOS = (
     Scenario("first run", CREATE, "", None),
     Scenario("extraction", SERVICE, "", 0),
     Scenario("rotation", SERVICE, "", 1),
-    Scenario("map deleted", CREATE, f"rm {MAP}", None),
+    Scenario("map deleted", CREATE, f"rm {MAP}", None, GUARD),
+    Scenario("map moved", CREATE, MOVE, None, GUARD),
+    Scenario("map moved after a crash", CREATE, MOVE, 2, GUARD),
 )
 # durable: entries of the log that were flushed; kept: (entry, blocks of it) of those after.
 Cut = collections.namedtuple("Cut", "durable kept")
 # What the order of the tool's steps leaves open: docs/testing.md.
-OLD_ANCHOR, CLOSED_FILES = "old anchor over a new map file", "files not opened to others yet"
+CLOSED_FILES = "files not opened to others yet"
 
 
 def read_log(path):
@@ -83,14 +99,15 @@ def all_cuts(entries, rng, torn, dropped):
 class Recording:
     """One scenario's run: the disk before, and every write after."""
 
-    def __init__(self, fs, scenario, folder, busy):
+    def __init__(self, fs, scenario, folder, busy, helper):
         self.fs, self.scenario, self.folder, self.mounted = fs, scenario, folder, 0
         if scenario.dump is not None:
             crash(folder, scenario.dump)
         self.start = load_blocks(f"{folder}/disk.img")
         self.before = write_text(f"{folder}/before", scenario.before)
         boot(folder, "--log-writes", f"{folder}/writes", "--before", self.before,
-             "--wrap", BUSY if busy else "", "--", *scenario.arguments)
+             "--file", f"/bin/move_blocks={helper}",
+             "--wrap", f"{BUSY if busy else ''} {scenario.wrap}", "--", *scenario.arguments)
         self.entries = read_log(f"{folder}/writes")
         self.old_anchor = look_at(fs, self.start, folder).anchor
 
@@ -120,17 +137,18 @@ class Recording:
 
     def judge(self, disk, after_boot):
         building = self.scenario.dump is None
-        if disk.flags is None and building and not after_boot:
+        is_old = self.scenario.wrap and disk.anchor[:5] == self.old_anchor[:5]
+        if disk.flags is None and not after_boot and (building or self.scenario.wrap):
             assert not any(disk.anchor), "half an anchor"
+        elif is_old and not after_boot:
+            # The guard was not there yet: the next one goes by the links.
+            assert disk.verifies or disk.flags == 1, f"the old chain is lost: {disk.verdict}"
+        else:
+            assert disk.whole, f"the chain is not whole, or not the map file's: {disk.verdict}"
+        if building or disk.flags == 3 and not after_boot:
+            assert building or disk.flags == 3 and disk.verifies
             return None
-        if not disk.whole and self.scenario.before and disk.anchor == self.old_anchor:
-            return OLD_ANCHOR
-        assert disk.whole, f"the chain is not whole, or not the map file's: {disk.verdict}"
-        if disk.flags == 3 and not building and not after_boot:
-            return None
-        assert disk.flags == 1, f"flags {disk.flags}"
-        if building:
-            return None
+        assert disk.flags in ((None, 1) if self.scenario.wrap and not after_boot else (1,)), disk.flags
         found = {path: len(data) for path, (_, data) in disk.files.items()}
         assert holds_dump(disk, self.scenario.dump), f"the flag is gone, the files are not: {found}"
         modes = {mode for mode, _ in newest_dump(disk).values()}
@@ -140,14 +158,9 @@ class Recording:
     def boot_again(self, blocks, limit):
         """Has the service run on a disk that a cut left, and examines what it makes of it."""
         with device_of(self.folder, blocks) as folder:
-            boot(folder, "--", *self.scenario.arguments)
+            boot(folder, "--wrap", self.scenario.wrap, "--", *self.scenario.arguments)
             after = self.examine(load_blocks(f"{folder}/disk.img"), after_boot=True)
-            # f2fs may bring the new map file back at this mount, and not before.
-            assert after in (None, limit, OLD_ANCHOR), f"after the next boot: {after}"
-            if after == OLD_ANCHOR:  # the way out: delete the map file once more
-                boot(folder, "--before", self.before, "--", *self.scenario.arguments)
-                after = self.examine(load_blocks(f"{folder}/disk.img"), after_boot=True)
-                assert after is None, "deleting the map file again did not help"
+            assert after in (None, limit), f"after the next boot: {after}"
 
 
 def choose(cuts, most, rng):
@@ -158,9 +171,11 @@ def cut_device(fs, busy, options, folder):
     """Runs the scenarios one after another on one device, and examines their states. Returns what
     was examined, a line for each."""
     device("make", folder, "--fs", fs, "--size", DATA_SIZE)
+    helper = compile_for_device(f"{REPO}/tests/device/move_blocks.c", f"{folder}/move_blocks")
     lines = []
     for n, scenario in enumerate(SCENARIOS):
-        recording, limits = Recording(fs, scenario, folder, busy), collections.Counter()
+        recording = Recording(fs, scenario, folder, busy, helper)
+        limits = collections.Counter()
         name = f"{fs}, {'busy' if busy else 'quiet'}, {scenario.name}"
         rng = random.Random(f"{options.seed} {name}")
         cuts = choose(list(all_cuts(recording.entries, rng, options.torn, options.dropped)),
@@ -199,7 +214,7 @@ def main():
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--boots", type=int, default=32, help="for each device (there are 4)")
     parser.add_argument("--states", type=int, default=sys.maxsize,
-                        help="of each run (there are 16), at most")
+                        help="of each run (there are 24), at most")
     parser.add_argument("--torn", type=int, default=BLOCK, help="places in each write, at most")
     parser.add_argument("--dropped", type=int, default=128, help="subsets of writes since a flush")
     parser.set_defaults(busy=(False, True))
