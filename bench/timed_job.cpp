@@ -5,12 +5,14 @@
 //   timed_job build MAP DEVICE           the chain
 //   timed_job straightforward MAP DEVICE the chain, without the look-ahead
 //   timed_job test MAP DEVICE            the integrity test
+//   timed_job guard MAP DEVICE           whether the chain is the map file's
 //   timed_job copy MAP DEVICE OUT        the raw copy
 //   timed_job extract MAP DEVICE         the pending dump
 //   timed_job extract-synced MAP DEVICE  the same, up to the moment its flag may be cleared
 //
 // Prints, as one line of JSON, the job's seconds and the process's peak of resident memory in KiB.
 #include <android-base/file.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -27,6 +29,8 @@
 #include "extract/dump_directory.h"
 #include "extract/dump_stream.h"
 #include "extract/map_to_bin_files.h"
+#include "guard/chain_comparison.h"
+#include "guard/device_blocks.h"
 #include "partitions/partition_items.h"
 
 // VmHWM, not getrusage: that one counts the process that this one was forked from as well.
@@ -46,6 +50,17 @@ static int run_test(const char *map, const char *device) {
     return result != 0 ? result : test_block_chain(map, device, &anchor);
 }
 
+static int run_guard(const char *map, const char *device) {
+    struct initial_block_header anchor = {};
+    struct device_blocks blocks = {};
+    const int file = open(map, O_RDONLY);
+    if (file == -1 || MISC_read_RamdumpInitHdr(&anchor) != 0 ||
+        open_device_blocks(device, anchor.block_length, &blocks) != 0) {
+        return -1;
+    }
+    return compare_chain(file, &anchor, &blocks, false) == chain_matches ? 0 : -1;
+}
+
 static int run_job(const std::string &job, char **arguments, int count) {
     const char *map = arguments[0];
     const char *second = arguments[1];
@@ -60,6 +75,9 @@ static int run_job(const std::string &job, char **arguments, int count) {
     }
     if (job == "test") {
         return run_test(map, second);
+    }
+    if (job == "guard") {
+        return run_guard(map, second);
     }
     if (job == "copy" && count == 3) {
         return raw_read_blocks(map, second, arguments[2]);
