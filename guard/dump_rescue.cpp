@@ -13,26 +13,27 @@
 #include "guard/guard_log.h"
 #include "partitions/partition_items.h"
 
-// Feeds the payloads to the parser until the dump or the chain ends, and says how it ended.
-static void parse_links(const struct initial_block_header *anchor, struct device_blocks *device) {
-    const uint32_t payload_size = dump_payload_size(device->block_length);
-    struct chain_links links;
-    start_links(&links, anchor, device);
-    for (uint8_t *bytes = next_link(&links); bytes != nullptr; bytes = next_link(&links)) {
+// Feeds the payloads to the parser until the dump or the chain ends. Whether the dump did.
+static bool parse_links(struct chain_links *links) {
+    const uint32_t payload_size = dump_payload_size(links->device->block_length);
+    for (uint8_t *bytes = next_link(links); bytes != nullptr; bytes = next_link(links)) {
         if (process_data(bytes + sizeof(struct block_header), payload_size) < 0) {
-            guard_error("the pending dump is saved along the links: %lu blocks\n", links.position);
-            return;
+            return true;
         }
     }
-    if (links.fault != nullptr) {
+    return links->fault == nullptr && !dump_file_is_unfinished();
+}
+
+static void say_how_it_ended(const struct chain_links *links, bool is_whole) {
+    if (is_whole) {
+        guard_error("the pending dump is saved along the links: %lu blocks\n", links->position);
+    } else if (links->fault != nullptr) {
         guard_error(
-            "the pending dump is cut: %lu of %u blocks are saved, then the chain "
-            "breaks off: %s\n",
-            links.position, anchor->n_blocks, links.fault);
-    } else if (dump_file_is_unfinished()) {
-        guard_error("the pending dump is cut: its last file goes on behind the chain's end\n");
+            "the pending dump is cut: %lu of %lu blocks are saved, then the chain breaks "
+            "off: %s\n",
+            links->position, links->n_blocks, links->fault);
     } else {
-        guard_error("the pending dump is saved along the links: %lu blocks\n", links.position);
+        guard_error("the pending dump is cut: its last file goes on behind the chain's end\n");
     }
 }
 
@@ -42,7 +43,9 @@ bool rescue_dump(struct initial_block_header *anchor, struct device_blocks *devi
         guard_error("the pending dump cannot be saved: it stays, and nothing is started\n");
         return false;
     }
-    parse_links(anchor, device);
+    struct chain_links links;
+    start_links(&links, anchor, device);
+    const bool is_whole = parse_links(&links);
     sync_dump_files();
     int error = dump_storage_error();
     if (error == 0) {
@@ -52,6 +55,8 @@ bool rescue_dump(struct initial_block_header *anchor, struct device_blocks *devi
     if (error != 0) {
         guard_error("the pending dump is not safe: it stays, and nothing is started: %s\n",
                     strerror(error));
+        return false;
     }
-    return error == 0;
+    say_how_it_ended(&links, is_whole);
+    return true;
 }

@@ -35,6 +35,7 @@ WHOLE = "E the anchor's chain is whole: N blocks"
 ANEW = f"E anchor and map file are gone, the service makes new ones: {MAP}"
 SAVED = "E the pending dump is saved along the links: N blocks"
 SIZES_DIFFER = "E the map file has N blocks of N bytes, the chain N of N"
+UNSAFE = "E the pending dump is not safe: it stays, and nothing is started: File too large"
 STAYS = "E the pending dump cannot be saved: it stays, and nothing is started"
 
 
@@ -86,15 +87,18 @@ def test_a_pending_dump_is_saved(prepared, helper):
     first = "echo 1 >/data/first; dd if=/dev/urandom of=/data/other bs=1M count=4 2>/dev/null\n"
     flags = f"dd if={MISC} bs=1 skip={ANCHOR_OFFSET + 20} count=1 2>/dev/null >$results/flags\n"
     runs = boot_guarded(phone, helper, [
-        guarded(first + MOVE, ELSEWHERE, WHOLE, SAVED, ANEW, chain="moved"),
+        # Files get no more than 51,200 bytes: the run is refused.
+        guarded(f"{first}{MOVE}trap '' XFSZ\nulimit -f 100", ELSEWHERE, WHOLE, UNSAFE, status=3,
+                chain="moved", after=""),
+        guarded("", ELSEWHERE, WHOLE, SAVED, ANEW, chain="moved"),
         # No room: the run is refused, map and flag stay.
         guarded(pending() + MOVE + FILL, ELSEWHERE, WHOLE, STAYS, status=3, chain="moved",
                 after=f"[ -e {MAP} ]\nrm /data/f\n{flags}"),
         # The same chain, which holds no file.
         guarded("", ELSEWHERE, WHOLE, SAVED, ANEW, chain="moved"),
     ])
-    assert files_of(runs[0]) == DUMP and files_of(runs[2]) == {}
-    assert (runs[1].folder / "flags").read_bytes() == b"\3"
+    assert files_of(runs[1]) == DUMP and files_of(runs[3]) == {}
+    assert (runs[2].folder / "flags").read_bytes() == b"\3"
 
     chain, cut = chain_of(phone), 70  # a block within the second file
     crash(phone, DUMP)

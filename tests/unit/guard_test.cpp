@@ -121,23 +121,28 @@ TEST(guard, extents) {
     }
 }
 
-// More runs than one answer holds; each is read at both ends.
+// More runs than one answer holds, and one that is longer than the CRC's pieces.
 DEVICE_TEST(guard, many_extents) {
     std::vector<uint32_t> blocks;
     for (uint32_t i = 0; i < 300; ++i) {
         blocks.push_back(1000 - 3 * i + (i % 2));
         platform.extents.push_back(extent(i, blocks[i], 1));
     }
+    for (uint32_t i = 0; i < 600; ++i) {
+        blocks.push_back(2000 + i);
+    }
+    platform.extents.push_back(extent(300, 2000, 600));
     make_chain(blocks);
-    write_file_at(DEVICE_PATH, 1100 * block_length, "d");
+    write_file_at(DEVICE_PATH, 2600 * block_length, "d");
     EXPECT_EQ(chain_matches, compare(blocks));
-    EXPECT_EQ("I the chain is the map file's: 300 blocks in 300 runs, 300 headers read\n",
+    EXPECT_EQ("I the chain is the map file's: 900 blocks in 301 runs, 302 headers read\n",
               take_log());
-    platform.extents[250].fe_physical = 1050 * block_length;
-    platform.fibmap.assign(300, {0});
-    platform.fibmap[249] = {static_cast<int>(blocks[249])};
-    platform.fibmap[250] = {1050};
+    for (const uint32_t block : blocks) {
+        platform.fibmap.push_back({static_cast<int>(block)});
+    }
+    write_file_at(DEVICE_PATH, 2599 * block_length + 8, "1234");
     EXPECT_EQ(chain_differs, compare(blocks));
+    EXPECT_EQ("E map file and chain differ at block 899, device block 2599: bad CRC\n", take_log());
 }
 
 TEST(guard, links) {
