@@ -24,8 +24,8 @@ static enum chain_comparison compare(struct guarded_map *map, bool every_header)
 }
 
 // Walks the old chain along its links, whose blocks need no longer be the map file's, and publishes
-// what is left of it. Returns how many blocks hold.
-static uint64_t walk_old_chain(struct guarded_map *map) {
+// what is left of it. Returns where the walk ended.
+static struct chain_links walk_old_chain(struct guarded_map *map) {
     struct chain_links links = {};
     links.fault = "absurd block length";
     if (map->device.buffer != nullptr) {
@@ -40,7 +40,7 @@ static uint64_t walk_old_chain(struct guarded_map *map) {
                     map->anchor.n_blocks, links.fault);
     }
     (void)property_set("vendor.tarnix.chain", links.fault == nullptr ? "moved" : "broken");
-    return links.position;
+    return links;
 }
 
 // Takes the anchor and then the map file away, so that the service makes new ones. Never the other
@@ -63,9 +63,9 @@ static enum guard_status start_over(struct guarded_map *map) {
 }
 
 static enum guard_status put_right(struct guarded_map *map) {
-    const uint64_t blocks = walk_old_chain(map);
+    const struct chain_links walked = walk_old_chain(map);
     if (is_dump_pending(map->anchor.flags)) {
-        if (blocks == 0) {
+        if (walked.position == 0 && !walked.unreadable) {
             guard_error("the pending dump is lost: its first block cannot be found\n");
         } else if (!rescue_dump(&map->anchor, &map->device, map->path)) {
             return guard_refuses;

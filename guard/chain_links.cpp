@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "chain/chain_crc.h"
 #include "chain/format/block_header.h"
 #include "chain/format/initial_block_header.h"
@@ -10,7 +12,9 @@
 
 void start_links(struct chain_links *links, const struct initial_block_header *anchor,
                  struct device_blocks *device) {
-    *links = {device, anchor->n_blocks, 0, anchor->first_block, anchor->crc32, nullptr};
+    // No chain has more blocks than its device, so that a forged cycle ends too.
+    const uint64_t n_blocks = std::min<uint64_t>(anchor->n_blocks, device->n_blocks);
+    *links = {device, n_blocks, 0, anchor->first_block, anchor->crc32, nullptr, false};
 }
 
 static uint8_t *end(struct chain_links *links, const char *fault) {
@@ -27,7 +31,8 @@ uint8_t *next_link(struct chain_links *links) {
     }
     uint8_t *bytes = read_in_order(links->device, links->next);
     if (bytes == nullptr) {
-        return end(links, errno == ERANGE ? "a link leads past the device" : strerror(errno));
+        links->unreadable = errno != ERANGE;
+        return end(links, links->unreadable ? strerror(errno) : "a link leads past the device");
     }
     struct block_header header;
     memcpy(&header, bytes, sizeof(header));

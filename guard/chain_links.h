@@ -10,11 +10,13 @@ struct initial_block_header;
 
 struct chain_links {
     struct device_blocks *device;
-    uint64_t n_blocks;  // as the anchor says
+    uint64_t n_blocks;  // as the anchor says, or the device's if it has fewer
     uint64_t position;  // blocks found good so far
     uint32_t next;      // device block that is next, 0 behind the last
     uint32_t crc;       // running CRC up to here
     const char *fault;  // why the walk ended early, null while it did not
+    bool unreadable;    // the fault is the flash's, not the chain's: the block may be read another
+                        // time
 };
 
 // Starts before the anchor's first block.

@@ -48,6 +48,12 @@ bool rescue_dump(struct initial_block_header *anchor, struct device_blocks *devi
     const bool is_whole = parse_links(&links);
     sync_dump_files();
     int error = dump_storage_error();
+    if (error == 0 && links.unreadable) {
+        // What is behind the block may be read at another start, or from an image.
+        guard_error("the pending dump cannot be read: it stays, and nothing is started: %s\n",
+                    links.fault);
+        return false;
+    }
     if (error == 0) {
         finish_extraction(anchor, map_path);
         error = -store_anchor(anchor);

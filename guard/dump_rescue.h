@@ -8,8 +8,9 @@ struct initial_block_header;
 // order of the map file: same directories, names, modes and log; then clears its flag, in `anchor`
 // and on flash. A chain that breaks off ends it with what there is; that is logged.
 //
-// False, with a line in the log, when the storage did not take it: the dump is still pending, and
-// the chain's blocks must be left alone. `map_path` is for the log only.
+// False, with a line in the log, when a block cannot be read or the storage did not take the files:
+// the dump is still pending, and the chain's blocks must be left alone. `map_path` is for the log
+// only.
 bool rescue_dump(struct initial_block_header *anchor, struct device_blocks *device,
                  const char *map_path);
 

@@ -11,7 +11,7 @@ from emulated import REPO, run, write_text
 GO_LIBRARY = Path("/usr/share/gocode")
 BUILD = REPO / "build/soong"
 COMPILER = "prebuilts/clang/host/linux-x86/clang-r399163b/bin/clang++"
-ROOMS = ("bootside", "chain", "config", "driver", "extract", "fs_mgr", "partitions",
+ROOMS = ("bootside", "chain", "config", "driver", "extract", "fs_mgr", "guard", "partitions",
          "tests/support", "tests/unit")
 
 pytestmark = pytest.mark.skipif(

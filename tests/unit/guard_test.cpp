@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fiemap.h>
+#include <unistd.h>
 
 #include "chain/format/block_header.h"
 #include "chain/format/initial_block_header.h"
 #include "guard/chain_comparison.h"
 #include "guard/chain_links.h"
 #include "guard/device_blocks.h"
+#include "guard/dump_rescue.h"
 #include "tests/support/captured_log.h"
 #include "tests/support/chain_image.h"
 #include "tests/support/files.h"
@@ -143,6 +145,23 @@ DEVICE_TEST(guard, many_extents) {
     write_file_at(DEVICE_PATH, 2599 * block_length + 8, "1234");
     EXPECT_EQ(chain_differs, compare(blocks));
     EXPECT_EQ("E map file and chain differ at block 899, device block 2599: bad CRC\n", take_log());
+}
+
+// A block that the flash does not give today ends nothing: the dump stays pending.
+DEVICE_TEST(guard, unreadable_block) {
+    const std::string misc = std::string(3184, 'm') + anchor_bytes(5, 4, seed, 3);
+    write_file(MISC_PATH, misc);
+    write_file(DEVICE_PATH, std::string(16 * block_length, 'd'));
+    make_chain(chain);
+    struct initial_block_header anchor = anchor_of(chain);
+    anchor.flags |= initial_block_header_dump_flag;
+    struct device_blocks device;
+    must(open_device_blocks(DEVICE_PATH, block_length, &device) == 0, DEVICE_PATH);
+    must(truncate(DEVICE_PATH, 4 * block_length) == 0, DEVICE_PATH);
+    EXPECT_FALSE(rescue_dump(&anchor, &device, MAP_PATH));
+    EXPECT_NE(std::string::npos, take_log().find("the pending dump cannot be read: it stays"));
+    EXPECT_EQ(misc, read_file(MISC_PATH));
+    close_device_blocks(&device);
 }
 
 TEST(guard, links) {
