@@ -155,39 +155,40 @@ def go_on(qemu):
     execute(qemu, "cont")
 
 
-def run(shared, command_line, disk, device_tree, options):
+def run(shared, command_line, disk, device_tree, *, boot_application, memory, events, disk_speed,
+        save_ram, cut_power, timeout):
     """Starts the machine, and again after each crash, until the device powers off.
 
-    options: boot_application: what the firmware starts; memory: its MiB; events: what the device
-    is going to do, "off" at the end left out; disk_speed: as limit_disk() takes it, or None;
-    save_ram: folder that receives the RAM as it was at each reset, as 1.bin and so on, or None;
-    cut_power: end QEMU in the middle of the dump of the last crash; timeout: seconds.
+    boot_application: what the firmware starts. memory: MiB. events: what the device is going to do,
+    "off" at the end left out. disk_speed: as limit_disk() takes it, or None. save_ram: folder that
+    receives the RAM as it was at each reset, as 1.bin and so on, or None. cut_power: whether QEMU
+    ends in the middle of the dump of the last crash. timeout: seconds.
     Returns for each reset the event and how many bytes had been written to the disk until then."""
-    own_machine = [*machine.MACHINE, *machine.FIRMWARE_MACHINE, "-m", str(options.memory)]
+    own_machine = [*machine.MACHINE, *machine.FIRMWARE_MACHINE, "-m", str(memory)]
     tree = os.path.join(shared, "dtb")
-    machine.write_device_tree(tree, own_machine, device_tree, reserved_nodes(options.memory))
+    machine.write_device_tree(tree, own_machine, device_tree, reserved_nodes(memory))
     kernel = machine.option_path(os.path.join(shared, "Image"))
     command = machine.qemu_command(shared, own_machine, disk) + [
-        "-dtb", tree, "-kernel", options.boot_application,
+        "-dtb", tree, "-kernel", boot_application,
         "-fw_cfg", f"name=opt/tarnix/kernel,file={kernel}",
         "-append", f"{machine.FIRMWARE_COMMAND_LINE} {command_line}",
         # To look at the RAM before it goes on.
         "-action", "reboot=shutdown,shutdown=pause"]
     resets = []
-    with running(command, os.path.join(shared, "errors"), options.timeout) as qemu:
+    with running(command, os.path.join(shared, "errors"), timeout) as qemu:
         execute(qemu, "qmp_capabilities")
-        if options.disk_speed:
-            limit_disk(qemu, *options.disk_speed)
+        if disk_speed:
+            limit_disk(qemu, *disk_speed)
         while not wait_for_stop(qemu, os.path.join(shared, "hang")):
-            if len(resets) == len(options.events):
+            if len(resets) == len(events):
                 raise machine.MachineError("the device was reset once more than it was told to")
-            resets.append({"event": options.events[len(resets)],
+            resets.append({"event": events[len(resets)],
                            "written_bytes": written_bytes(qemu)})
-            if options.save_ram:
-                execute(qemu, "pmemsave", val=RAM_START, size=options.memory * MIB,
-                        filename=os.path.join(options.save_ram, f"{len(resets)}.bin"))
-            if options.cut_power and len(resets) == len(options.events):
-                cut_power(qemu, options.memory)
+            if save_ram:
+                execute(qemu, "pmemsave", val=RAM_START, size=memory * MIB,
+                        filename=os.path.join(save_ram, f"{len(resets)}.bin"))
+            if cut_power and len(resets) == len(events):
+                cut_power(qemu, memory)
                 return resets
             go_on(qemu)
     machine.check_end(shared, 0, "")

@@ -79,36 +79,37 @@ def start(device, shared, description, script, additions, run):
     return result
 
 
-def service_script(description, runs, options):
-    """What the device does at a start. runs: number -> command line of the run."""
-    lines = ["fill_properties", f"mount_data {description['fs']} {MOUNT_OPTIONS}"]
+def service_script(fs, runs, uid, wrap, scripts):
+    """What the device does at a start. runs: number -> command line of the run. The rest as boot()
+    takes it."""
+    lines = ["fill_properties", f"mount_data {fs} {MOUNT_OPTIONS}"]
     lines += [f"make_directory {path} {mode:o} {owner}"
               for path, mode, owner in service.DIRECTORIES]
-    lines += ["script before"] if options.before else []
-    lines += [shlex.join(["run", str(number), str(options.uid), *shlex.split(options.wrap),
-                          *command]) for number, command in runs.items()]
-    lines += ["script after"] if options.after else []
+    lines += ["script before"] if "before" in scripts else []
+    lines += [shlex.join(["run", str(number), str(uid), *wrap, *command])
+              for number, command in runs.items()]
+    lines += ["script after"] if "after" in scripts else []
     lines += ["list_properties /host/properties", "is_up"]
     return "\n".join(lines) + "\n"
 
 
-def number_runs(runs, options):
+def number_runs(runs, events, cut_power):
     """For each start of the device what ends it, and number -> command line of its runs:
     all of them, unless it crashes before the service or power is cut before the system starts."""
     starts, count = [], 0
-    for event in [*options.events, "off"]:
-        without = event == "early-panic" or event == "off" and options.cut_power
+    for event in [*events, "off"]:
+        without = event == "early-panic" or event == "off" and cut_power
         starts.append((event, {} if without else dict(enumerate(runs, count + 1))))
         count += len(starts[-1][1])
     return starts
 
 
-def session_script(description, starts, options):
-    """starts: as number_runs() gives them."""
+def session_script(fs, starts, uid, wrap, scripts):
+    """starts: as number_runs() gives them. The rest as boot() takes it."""
     script = "case $starts in\n"
     for number, (event, runs) in enumerate(starts, 1):
         script += f"{number})\n"
-        script += service_script(description, runs, options) if event != "early-panic" else ""
+        script += service_script(fs, runs, uid, wrap, scripts) if event != "early-panic" else ""
         script += f"leave_by {event}\n" if event != "off" else ""
         script += ";;\n"
     return script + "esac\n"
@@ -142,49 +143,35 @@ def collect_output(device):
         shutil.copy(os.path.join(shared, "console"), os.path.join(device, "console"))
 
 
-def stored_properties(device, description, options):
-    """What the store holds at start besides androidboot.*: each later source wins."""
+def stored_properties(device, description):
+    """What the store holds at start besides androidboot.*: the persistent ones win."""
     persistent = {key: initramfs.read_file(path).decode()
                   for key, path in folder_files(os.path.join(device, "persist")).items()}
-    return {**description["properties"], **persistent, **dict(options.prop)}
+    return {**description["properties"], **persistent}
 
 
-def boot_additions(device, description, options):
-    """The files of a boot's root file system: path on the device -> host path or bytes."""
-    properties = stored_properties(device, description, options)
-    programs = {} if options.no_run else {service.TOOL: options.tool, service.GUARD: options.guard}
-    return {**{path: program for path, program in programs.items() if os.path.exists(program)},
-            **dict(options.file),
-            **{f"emulator/properties/{key}": value.encode() for key, value in properties.items()},
-            **{f"emulator/{name}": path for name, path in
-               (("before", options.before), ("after", options.after)) if path}}
+def boot(device, description, run, commands, *, uid=0, wrap=(), scripts=None, files=None,
+         properties=None, events=(), cut_power=False):
+    """Boots the device and returns the tool's exit status: with several runs the first that is not 0.
 
-
-def boot(device, description, options):
-    """Boots the device as the options of the boot or the crash command say and returns the tool's
-    exit status: with several runs the first that is not 0."""
-    runs = [[service.TOOL, *shlex.split(line)] for line in options.run]
-    if options.arguments:
-        runs.append([service.TOOL, *options.arguments])
-    elif not (runs or options.no_run):
-        runs.append(service.COMMAND)
-    starts = number_runs(runs, options)
+    run: starts the machine, as start() takes it; what it returns is stored as "resets".
+    commands: the command lines of the runs. uid, wrap: the user that they run as, and the words
+    before each. scripts: "before" and "after" the runs -> host file. files: path on the device ->
+    host path. properties: key -> value, beside those of the store.
+    events, cut_power: what ends each start but the last, and whether the last one is cut short."""
+    scripts = scripts or {}
+    starts = number_runs(commands, events, cut_power)
+    stored = {**stored_properties(device, description), **(properties or {})}
+    additions = {**(files or {}), **{f"emulator/{name}": path for name, path in scripts.items()},
+                 **{f"emulator/properties/{key}": value.encode() for key, value in stored.items()}}
     for stale in ("log", "stdout", "console", "result.json"):
         if os.path.exists(os.path.join(device, stale)):
             os.remove(os.path.join(device, stale))
     shared = os.path.join(device, "boot")
-    disk = machine.disk_options(os.path.join(device, "disk.img"), options.log_writes,
-                                options.blkdebug)
     start_time = time.monotonic()
-
-    def run(shared, command_line, tree):
-        if options.firmware:
-            return firmware.run(shared, command_line, disk, tree, options)
-        return machine.run(shared, command_line, disk, tree, options.timeout)
-
     try:
-        resets = start(device, shared, description, session_script(description, starts, options),
-                       boot_additions(device, description, options), run)
+        resets = start(device, shared, description,
+                       session_script(description["fs"], starts, uid, wrap, scripts), additions, run)
     finally:
         seconds = round(time.monotonic() - start_time, 2)
         collect_output(device)
@@ -196,7 +183,7 @@ def boot(device, description, options):
             write_file(os.path.join(device, "persist", key), value.encode())
     status = next((result["status"] for result in results if result["status"] != 0), 0)
     result = {"status": status, "runs": results, "properties": properties, "seconds": seconds}
-    if options.firmware:
+    if resets is not None:
         result["resets"] = resets
         result["boot_application"] = firmware.application_lines(os.path.join(device, "console"))
     write_file(os.path.join(device, "result.json"), json.dumps(result, indent=1).encode())
