@@ -9,6 +9,7 @@
 #include "config/properties.h"
 #include "guard/chain_comparison.h"
 #include "guard/chain_links.h"
+#include "guard/copied_dump.h"
 #include "guard/dump_rescue.h"
 #include "guard/guard_log.h"
 #include "guard/guarded_map.h"
@@ -65,6 +66,11 @@ static enum guard_status start_over(struct guarded_map *map) {
 static enum guard_status put_right(struct guarded_map *map) {
     const struct chain_links walked = walk_old_chain(map);
     if (is_dump_pending(map->anchor.flags)) {
+        if (walked.fault != nullptr && file_holds_dump(map, &walked)) {
+            // The service goes by the file. The next start finds nothing pending.
+            guard_error("the map file holds the pending dump: it is left to the service\n");
+            return guard_done;
+        }
         if (walked.position == 0 && !walked.unreadable) {
             guard_error("the pending dump is lost: its first block cannot be found\n");
         } else if (!rescue_dump(&map->anchor, &map->device, map->path)) {

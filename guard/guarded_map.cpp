@@ -46,14 +46,14 @@ int open_guarded_map(const char *map_path, struct guarded_map *map) {
     }
     int encryptable = 0;
     int encrypted = 0;
-    const char *device = find_block_device(map->path, &encryptable, &encrypted);
-    if (device == nullptr) {
+    map->device_path = find_block_device(map->path, &encryptable, &encrypted);
+    if (map->device_path == nullptr) {
         guard_error("cannot look: the fstab has no block device for %s\n", map->path);
         return -1;
     }
     if (is_block_length(map->anchor.block_length) &&
-        open_device_blocks(device, map->anchor.block_length, &map->device) != 0) {
-        return cannot_look(device);
+        open_device_blocks(map->device_path, map->anchor.block_length, &map->device) != 0) {
+        return cannot_look(map->device_path);
     }
     map->file = open_retry(map->path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (map->file == -1 && errno != ENOENT) {

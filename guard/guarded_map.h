@@ -10,6 +10,7 @@
 struct guarded_map {
     struct initial_block_header anchor;
     char path[PATH_MAX];          // the map file's real path, or where it would be
+    const char *device_path;      // of the block device under it; the fstab's
     int file;                     // its descriptor, -1 when there is none
     struct device_blocks device;  // without a buffer when no file system has such blocks
 };

@@ -119,6 +119,33 @@ def test_a_pending_dump_is_saved(prepared, helper):
     cut_short = {**DUMP, "ddr_cs0.bin": DUMP["ddr_cs0.bin"][:saved]}
     del cut_short["last.bin"]
     assert files_of(runs[0]) == files_of(runs[1]) == cut_short
+
+    assert is_untouched(phone) and len(chain_of(phone)) == MAP_SIZE // BLOCK
+
+
+def test_a_copied_map(prepared, helper):
+    phone, chain = prepared
+    first, cut = "echo 1 | tee /data/other >/data/first\n", 70
+    copy = f"cp {MAP} {MAP}.copy\nmv {MAP}.copy {MAP}\nsync\n"
+    off = "E the anchor's chain breaks off behind N of N blocks: bad magic"
+    # Copied before the crash, and an old block given away after it: the copy knows nothing of it.
+    boot(phone, [Step(f"{copy}tarnix -t {MAP}")])
+    crash(phone, DUMP)
+    runs = boot_guarded(phone, helper, [
+        guarded(first + poke(DATA, chain[cut] * BLOCK, b"gone"), ELSEWHERE, off,
+                "E the pending dump is cut: N of N blocks are saved, then the chain breaks off: "
+                "bad magic", ANEW, chain="broken")])
+    assert files_of(runs[0])["regs.bin"] == DUMP["regs.bin"]
+    # Copied after it: the copy's own blocks are the dump.
+    chain = chain_of(phone)
+    crash(phone, DUMP)
+    runs = boot_guarded(phone, helper, [
+        guarded(first + copy + poke(DATA, chain[cut] * BLOCK, b"gone"), ELSEWHERE, off,
+                "E the map file holds the pending dump: it is left to the service",
+                chain="broken", after=f"cp -r {APQ} $results/apq"),
+        guarded("", ELSEWHERE, off, ANEW, chain="broken"),
+    ])
+    assert files_of(runs[0]) == files_of(runs[1]) == DUMP
     assert is_untouched(phone) and len(chain_of(phone)) == MAP_SIZE // BLOCK
 
 

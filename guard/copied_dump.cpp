@@ -1,0 +1,87 @@
+#include "guard/copied_dump.h"
+
+#include <stdint.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "chain/chain_crc.h"
+#include "chain/format/block_header.h"
+#include "guard/chain_extents.h"
+#include "guard/chain_links.h"
+#include "guard/device_blocks.h"
+#include "guard/guarded_map.h"
+
+// The walk over the file's blocks, which follows the links that stand in them.
+struct copied_chain {
+    struct device_blocks here;   // the blocks of the file
+    struct device_blocks there;  // those that the links lead to
+    uint64_t n_before;           // blocks before the break
+    uint64_t position;           // blocks found good so far
+    uint32_t link;               // where the chain has the next one
+    uint32_t crc;                // running CRC up to here
+    bool is_seen;                // a block was found in both places, with the same bytes
+};
+
+// Whether the file's block at `place` is the chain's next.
+static bool is_next(struct copied_chain *chain, uint64_t place) {
+    const uint8_t *copy = read_in_order(&chain->here, place);
+    if (copy == nullptr) {
+        return false;
+    }
+    struct block_header header;
+    memcpy(&header, copy, sizeof(header));
+    const uint32_t crc = extend_chain_crc(chain->crc, chain->link, header.next_block);
+    if (header.magic != block_header_magic || header.crc32 != crc) {
+        return false;
+    }
+    if (chain->link != place) {
+        const uint8_t *original = read_in_order(&chain->there, chain->link);
+        if (original != nullptr && memcmp(original, copy, sizeof(header)) == 0) {
+            if (memcmp(original, copy, chain->here.block_length) != 0) {
+                return false;
+            }
+            chain->is_seen |= chain->position < chain->n_before;
+        }
+    }
+    chain->crc = crc;
+    chain->link = header.next_block;
+    ++chain->position;
+    return true;
+}
+
+static bool follow(struct copied_chain *chain, struct chain_extents *extents) {
+    struct block_run run;
+    int more = 0;
+    while ((more = next_run(extents, &run)) == 1) {
+        for (uint64_t i = 0; i < run.count; ++i) {
+            if (run.place == 0 || !is_next(chain, run.place + i)) {
+                return false;
+            }
+        }
+    }
+    return more == 0 && chain->link == 0 && chain->is_seen;
+}
+
+bool file_holds_dump(const struct guarded_map *map, const struct chain_links *walked) {
+    const struct initial_block_header *anchor = &map->anchor;
+    struct stat map_stat;
+    if (map->file == -1 || map->device.buffer == nullptr || fstat(map->file, &map_stat) != 0 ||
+        static_cast<uint64_t>(map_stat.st_blksize) != anchor->block_length ||
+        static_cast<uint64_t>(map_stat.st_size) / anchor->block_length != anchor->n_blocks) {
+        return false;
+    }
+    struct copied_chain chain = {};
+    chain.here.fd = chain.there.fd = -1;
+    chain.n_before = walked->position;
+    chain.link = anchor->first_block;
+    chain.crc = anchor->crc32;
+    struct chain_extents extents;
+    start_extents(&extents, map->file, anchor->block_length, anchor->n_blocks);
+    const bool is_open =
+        open_device_blocks(map->device_path, anchor->block_length, &chain.here) == 0 &&
+        open_device_blocks(map->device_path, anchor->block_length, &chain.there) == 0;
+    const bool holds = is_open && follow(&chain, &extents);
+    close_device_blocks(&chain.here);
+    close_device_blocks(&chain.there);
+    return holds;
+}
