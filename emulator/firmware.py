@@ -137,7 +137,7 @@ def limit_disk(qemu, reads, writes):
             iops_rd=0, iops_wr=0)
 
 
-def cut_power(qemu, memory):
+def end_in_dump(qemu, memory):
     """Lets the machine start and ends it when about half of the RAM has been saved."""
     before = written_bytes(qemu)
     limit_disk(qemu, 0, SLOW_DISK)
@@ -188,7 +188,7 @@ def run(shared, command_line, disk, device_tree, *, boot_application, memory, ev
                 execute(qemu, "pmemsave", val=RAM_START, size=memory * MIB,
                         filename=os.path.join(save_ram, f"{len(resets)}.bin"))
             if cut_power and len(resets) == len(events):
-                cut_power(qemu, memory)
+                end_in_dump(qemu, memory)
                 return resets
             go_on(qemu)
     machine.check_end(shared, 0, "")

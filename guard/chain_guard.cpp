@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "chain/anchor_clearing.h"
@@ -44,6 +45,17 @@ static struct chain_links walk_old_chain(struct guarded_map *map) {
     return links;
 }
 
+// Whether the path still names the file that was looked at. If not, errno says so.
+static bool is_still_at_its_path(const struct guarded_map *map) {
+    struct stat opened;
+    struct stat named;
+    if (fstat(map->file, &opened) != 0 || lstat(map->path, &named) != 0) {
+        return false;
+    }
+    errno = ESTALE;
+    return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
 // Takes the anchor and then the map file away, so that the service makes new ones. Never the other
 // way round: an old anchor over a new map file is what the service takes for a good chain.
 static enum guard_status start_over(struct guarded_map *map) {
@@ -54,7 +66,7 @@ static enum guard_status start_over(struct guarded_map *map) {
         guard_error("the anchor cannot be cleared, the map file stays: %s\n", strerror(error));
         return guard_cannot_look;
     }
-    if (map->file != -1 && unlink(map->path) != 0) {
+    if (map->file != -1 && (!is_still_at_its_path(map) || unlink(map->path) != 0)) {
         // The service makes it anew, since it has no anchor.
         guard_error("cannot delete %s: %s\n", map->path, strerror(errno));
         return guard_done;
@@ -64,6 +76,11 @@ static enum guard_status start_over(struct guarded_map *map) {
 }
 
 static enum guard_status put_right(struct guarded_map *map) {
+    // A slip on the command line must not cost the anchor, or somebody else's file.
+    if (strncmp(map->path, map_directory, strlen(map_directory)) != 0) {
+        guard_error("nothing is changed: %s is not below %s\n", map->path, map_directory);
+        return guard_cannot_look;
+    }
     const struct chain_links walked = walk_old_chain(map);
     if (is_dump_pending(map->anchor.flags)) {
         if (walked.fault != nullptr && file_holds_dump(map, &walked)) {
@@ -71,7 +88,18 @@ static enum guard_status put_right(struct guarded_map *map) {
             guard_error("the map file holds the pending dump: it is left to the service\n");
             return guard_done;
         }
-        if (walked.position == 0 && !walked.unreadable) {
+        if (walked.unreadable) {
+            // It may be read at another start, or from an image: nothing is touched until then.
+            guard_error("the pending dump cannot be read: it stays, and nothing is started: %s\n",
+                        walked.fault);
+            return guard_refuses;
+        }
+        if (walked.position == 0 && file_begins_dump(map)) {
+            // The service needs neither CRCs nor the anchor's other fields to find it.
+            guard_error("the map file begins with a dump: it is left to the service\n");
+            return guard_done;
+        }
+        if (walked.position == 0) {
             guard_error("the pending dump is lost: its first block cannot be found\n");
         } else if (!rescue_dump(&map->anchor, &map->device, map->path)) {
             return guard_refuses;

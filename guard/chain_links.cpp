@@ -31,8 +31,9 @@ uint8_t *next_link(struct chain_links *links) {
     }
     uint8_t *bytes = read_in_order(links->device, links->next);
     if (bytes == nullptr) {
-        links->unreadable = errno != ERANGE;
-        return end(links, links->unreadable ? strerror(errno) : "a link leads past the device");
+        // EINVAL: the anchor's block length is none that the device transfers.
+        links->unreadable = errno != ERANGE && errno != EINVAL;
+        return end(links, errno == ERANGE ? "a link leads past the device" : strerror(errno));
     }
     struct block_header header;
     memcpy(&header, bytes, sizeof(header));

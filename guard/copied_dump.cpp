@@ -4,8 +4,9 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include "chain/block_map.h"
 #include "chain/chain_crc.h"
-#include "chain/format/block_header.h"
+#include "chain/format/dump_layout.h"
 #include "guard/chain_extents.h"
 #include "guard/chain_links.h"
 #include "guard/device_blocks.h"
@@ -84,4 +85,26 @@ bool file_holds_dump(const struct guarded_map *map, const struct chain_links *wa
     close_device_blocks(&chain.here);
     close_device_blocks(&chain.there);
     return holds;
+}
+
+bool file_begins_dump(const struct guarded_map *map) {
+    struct stat map_stat;
+    int block = 0;
+    if (map->file == -1 || fstat(map->file, &map_stat) != 0 || map_block(map->file, &block) != 0 ||
+        block <= 0) {
+        return false;
+    }
+    struct block_header block_start = {};
+    struct dump_file_header file_start = {};
+    struct device_blocks device;
+    if (open_device_blocks(map->device_path, static_cast<uint32_t>(map_stat.st_blksize), &device) ==
+        0) {
+        const uint8_t *bytes = read_alone(&device, static_cast<uint64_t>(block));
+        if (bytes != nullptr) {
+            memcpy(&block_start, bytes, sizeof(block_start));
+            memcpy(&file_start, bytes + sizeof(block_start), sizeof(file_start));
+        }
+    }
+    close_device_blocks(&device);
+    return block_start.magic == block_header_magic && file_start.magic == dump_file_header_magic;
 }

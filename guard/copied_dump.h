@@ -11,4 +11,8 @@ struct guarded_map;
 // break. A file that was moved before the crash holds what was there before the dump.
 bool file_holds_dump(const struct guarded_map *map, const struct chain_links *walked);
 
+// Whether the map file's first block holds a chain's header and then a dump file's: enough for the
+// service, which looks at neither the CRCs nor the anchor's numbers.
+bool file_begins_dump(const struct guarded_map *map);
+
 #endif

@@ -39,7 +39,8 @@ static void say_how_it_ended(const struct chain_links *links, bool is_whole) {
 
 bool rescue_dump(struct initial_block_header *anchor, struct device_blocks *device,
                  const char *map_path) {
-    if (begin_extraction(anchor) < 0 || !has_space_for_dump(map_path)) {
+    // The space first: begin_extraction removes older dumps.
+    if (!has_space_for_dump(map_path) || begin_extraction(anchor) < 0) {
         guard_error("the pending dump cannot be saved: it stays, and nothing is started\n");
         return false;
     }

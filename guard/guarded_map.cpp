@@ -2,15 +2,19 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include "chain/block_device_lookup.h"
 #include "chain/transfer.h"
 #include "guard/guard_log.h"
+
+const char map_directory[] = "/data/vendor/ramdump/";
 
 static int cannot_look(const char *path) {
     guard_error("cannot look: %s: %s\n", path, strerror(errno));
@@ -23,7 +27,9 @@ static bool resolve_path(const char *path, char *resolved) {
         return true;
     }
     const char *slash = strrchr(path, '/');
-    if (errno != ENOENT || slash == nullptr || slash == path) {
+    struct stat link;
+    if (errno != ENOENT || slash == nullptr || slash == path || lstat(path, &link) == 0) {
+        errno = ENOENT;  // also of a link that leads nowhere: what is there is not mounted yet
         return false;
     }
     char directory[PATH_MAX];
@@ -58,6 +64,12 @@ int open_guarded_map(const char *map_path, struct guarded_map *map) {
     map->file = open_retry(map->path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (map->file == -1 && errno != ENOENT) {
         return cannot_look(map->path);
+    }
+    struct statfs file_system;
+    if (map->file == -1 &&
+        (statfs(map_directory, &file_system) != 0 || file_system.f_type == TMPFS_MAGIC)) {
+        guard_error("cannot look: the data partition is not mounted\n");
+        return -1;
     }
     struct stat map_stat;
     if (map->file != -1 && (fstat(map->file, &map_stat) != 0 || !S_ISREG(map_stat.st_mode))) {

@@ -15,6 +15,9 @@ struct guarded_map {
     struct device_blocks device;  // without a buffer when no file system has such blocks
 };
 
+// Where the tool's map file may be. The guard deletes no file elsewhere.
+extern const char map_directory[];
+
 // Opens the map file and the device under it; `anchor` is filled in already. 0 when they can be
 // looked at: a map file that is missing can. -1 with a line in the log. What is opened stays open
 // to the end of the process.

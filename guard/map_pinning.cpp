@@ -21,7 +21,8 @@ void pin_map_file(int file, bool says_so) {
     }
     const uint32_t pinned = 1;
     // Again on every boot: f2fs drops the flag of a file that was too often in its way.
-    if (ioctl(file, set_pin_file, &pinned) == 0) {
+    // More than 0 counts how often f2fs had to leave the file alone.
+    if (ioctl(file, set_pin_file, &pinned) >= 0) {
         guard_info("the map file is pinned\n");
     } else if (says_so) {
         guard_error("the map file cannot be pinned, f2fs may move it: %s\n", strerror(errno));

@@ -146,6 +146,17 @@ def test_a_copied_map(prepared, helper):
         guarded("", ELSEWHERE, off, ANEW, chain="broken"),
     ])
     assert files_of(runs[0]) == files_of(runs[1]) == DUMP
+    # The anchor's seed is lost: the service needs none.
+    crash(phone, DUMP)
+    crc = "E map file and chain differ at block N, device block N: bad CRC"
+    off = off.replace("magic", "CRC")
+    runs = boot_guarded(phone, helper, [
+        guarded(first + poke(MISC, ANCHOR_OFFSET + 16, bytes(4)), crc, off,
+                "E the map file begins with a dump: it is left to the service",
+                chain="broken", after=LOOK.replace("/vendor/bin/tarnix-guard --full 2>&1", "")),
+        guarded("", crc, off, ANEW, chain="broken"),
+    ])
+    assert files_of(runs[0]) == files_of(runs[1]) == DUMP
     assert is_untouched(phone) and len(chain_of(phone)) == MAP_SIZE // BLOCK
 
 
