@@ -153,6 +153,7 @@ DEVICE_TEST(guard, unreadable_block) {
     write_file(MISC_PATH, misc);
     write_file(DEVICE_PATH, std::string(16 * block_length, 'd'));
     make_chain(chain);
+    make_map_file(chain.size() * block_length);
     struct initial_block_header anchor = anchor_of(chain);
     anchor.flags |= initial_block_header_dump_flag;
     struct device_blocks device;
