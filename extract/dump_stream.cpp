@@ -65,6 +65,23 @@ static int write_file_data(const uint8_t *data, uint64_t count) {
     return 0;
 }
 
+// Whether a file cannot be opened under any circumstances, for what the dump calls it.
+static bool is_names_own_fault(int error, const char *name) {
+    switch (error) {
+        case EISDIR:
+        case ELOOP:
+        case ENAMETOOLONG:
+        case ENOENT:
+        case ENOTDIR:
+            return true;
+        case EACCES:
+        case EPERM:
+            return strchr(name, '/') != nullptr;  // it leads out of the dump directory
+        default:
+            return false;
+    }
+}
+
 static int begin_file(const uint8_t *data) {
     memcpy(&header, data, sizeof(header));
     char name[dump_file_longest_name_found + 1] = {};
@@ -83,7 +100,7 @@ static int begin_file(const uint8_t *data) {
     log_error("full path: %s\n", path);
     output = fopen(path, "wb");
     if (output == nullptr) {
-        if (errno == ENOSPC || errno == EDQUOT || errno == EROFS || errno == EIO) {
+        if (!is_names_own_fault(errno, name)) {
             note_storage_error(errno);
         }
         log_info("Could not open file '%s' for writing\n", path);

@@ -11,11 +11,12 @@
 int64_t process_data(uint8_t *data, int64_t len);
 
 // The first error number with which the storage refused a byte or a file of the dump, up to the
-// last sync_dump_files: no space left, or the flash. 0 when it took all. A name that cannot be
-// opened is the dump's own fault and no such error.
+// last sync_dump_files: no space left, the flash, no memory, no permission. 0 when it took all. A
+// name that can never be opened is the dump's own fault and no such error.
 int dump_storage_error();
 
-// Whether the last file that was begun still lacks bytes.
+// Whether the last file that was begun still lacks bytes: all of them, where it could not be
+// opened.
 bool dump_file_is_unfinished();
 
 // Counts the bad magics met so far, in block headers and file headers alike, and says whether this

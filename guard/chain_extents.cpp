@@ -78,12 +78,17 @@ static bool run_of(const struct chain_extents *extents, const struct fiemap_exte
         return false;
     }
     if (first > extents->index) {
-        *run = {extents->index, 0, std::min(first, extents->n_blocks) - extents->index};
+        *run = {extents->index, 0, std::min(first, extents->n_blocks) - extents->index, 0};
         return true;
     }
-    const uint64_t place = has_place(extent, length) ? extent.fe_physical / length : 0;
-    *run = {extents->index, place == 0 ? 0 : place + (extents->index - first),
-            end - extents->index};
+    const uint64_t start = extent.fe_physical / length;
+    const uint64_t place = start == 0 ? 0 : start + (extents->index - first);
+    *run = {extents->index, 0, end - extents->index, 0};
+    if (has_place(extent, length)) {
+        run->place = place;
+    } else if ((extent.fe_flags & FIEMAP_EXTENT_UNWRITTEN) != 0) {
+        run->set_aside = place;
+    }
     return true;
 }
 
@@ -92,7 +97,7 @@ static int next_piece(struct chain_extents *extents, struct block_run *run) {
     while (extents->index < extents->n_blocks) {
         const struct fiemap *batch = batch_of(extents);
         if (extents->last && extents->taken == batch->fm_mapped_extents) {
-            *run = {extents->index, 0, extents->n_blocks - extents->index};
+            *run = {extents->index, 0, extents->n_blocks - extents->index, 0};
             extents->index = extents->n_blocks;
             return 1;
         }

@@ -10,6 +10,8 @@ struct block_run {
     uint64_t index;  // of the first one in the file
     uint64_t place;  // device block of the first one; 0: these blocks have no place of their own
     uint64_t count;
+    uint64_t set_aside;  // device block that the file system keeps for the first one of those
+                         // without a place, and has not written yet; 0: none
 };
 
 // Bytes of one answer of the file system: some 70 extents.

@@ -25,23 +25,34 @@ static enum chain_comparison compare(struct guarded_map *map, bool every_header)
     return compare_chain(map->file, &map->anchor, &map->device, every_header);
 }
 
+// Blocks of an old chain that tell enough of it where no dump is pending: to read it all would only
+// keep the service waiting.
+static const uint64_t most_without_dump = 64;
+
+static void publish(const char *chain) {
+    (void)property_set("vendor.tarnix.chain", chain);
+}
+
 // Walks the old chain along its links, whose blocks need no longer be the map file's, and publishes
 // what is left of it. Returns where the walk ended.
 static struct chain_links walk_old_chain(struct guarded_map *map) {
+    const uint64_t most = is_dump_pending(map->anchor.flags) ? UINT64_MAX : most_without_dump;
     struct chain_links links = {};
     links.fault = "absurd block length";
     if (map->device.buffer != nullptr) {
         start_links(&links, &map->anchor, &map->device);
-        while (next_link(&links) != nullptr) {
+        while (links.position < most && next_link(&links) != nullptr) {
         }
     }
-    if (links.fault == nullptr) {
+    if (links.fault == nullptr && links.next != 0) {
+        guard_error("the anchor's chain is good in its first %lu blocks\n", links.position);
+    } else if (links.fault == nullptr) {
         guard_error("the anchor's chain is whole: %lu blocks\n", links.position);
     } else {
         guard_error("the anchor's chain breaks off behind %lu of %u blocks: %s\n", links.position,
                     map->anchor.n_blocks, links.fault);
     }
-    (void)property_set("vendor.tarnix.chain", links.fault == nullptr ? "moved" : "broken");
+    publish(links.fault == nullptr ? "moved" : "broken");
     return links;
 }
 
@@ -75,6 +86,44 @@ static enum guard_status start_over(struct guarded_map *map) {
     return guard_done;
 }
 
+// The service goes by the file. The next start finds nothing pending.
+static enum guard_status leave_dump_to_service() {
+    guard_error("the map file holds the pending dump: it is left to the service\n");
+    return guard_done;
+}
+
+// Puts right a map file that is not the pending dump's: the dump is saved, then all made anew.
+static enum guard_status save_and_start_over(struct guarded_map *map,
+                                             const struct chain_links *walked) {
+    const enum copied_dump copied =
+        walked->fault == nullptr ? dump_is_not_copied : find_copied_dump(map, walked);
+    if (copied == dump_is_copied) {
+        return leave_dump_to_service();
+    }
+    if (walked->unreadable) {
+        // It may be read at another start, or from an image: nothing is touched until then.
+        guard_error("the pending dump cannot be read: it stays, and nothing is started: %s\n",
+                    walked->fault);
+        return guard_refuses;
+    }
+    if (copied == dump_may_be_copied) {
+        // Somebody has to choose between the links, which break off, and the file.
+        guard_error("the map file may hold the pending dump: it stays, and nothing is started\n");
+        return guard_refuses;
+    }
+    if (walked->position == 0 && file_begins_dump(map)) {
+        // The service needs neither CRCs nor the anchor's other fields to find it.
+        guard_error("the map file begins with a dump: it is left to the service\n");
+        return guard_done;
+    }
+    if (walked->position == 0) {
+        guard_error("the pending dump is lost: its first block cannot be found\n");
+    } else if (!rescue_dump(&map->anchor, &map->device, walked->position, map->path)) {
+        return guard_refuses;
+    }
+    return start_over(map);
+}
+
 static enum guard_status put_right(struct guarded_map *map) {
     // A slip on the command line must not cost the anchor, or somebody else's file.
     if (strncmp(map->path, map_directory, strlen(map_directory)) != 0) {
@@ -82,30 +131,7 @@ static enum guard_status put_right(struct guarded_map *map) {
         return guard_cannot_look;
     }
     const struct chain_links walked = walk_old_chain(map);
-    if (is_dump_pending(map->anchor.flags)) {
-        if (walked.fault != nullptr && file_holds_dump(map, &walked)) {
-            // The service goes by the file. The next start finds nothing pending.
-            guard_error("the map file holds the pending dump: it is left to the service\n");
-            return guard_done;
-        }
-        if (walked.unreadable) {
-            // It may be read at another start, or from an image: nothing is touched until then.
-            guard_error("the pending dump cannot be read: it stays, and nothing is started: %s\n",
-                        walked.fault);
-            return guard_refuses;
-        }
-        if (walked.position == 0 && file_begins_dump(map)) {
-            // The service needs neither CRCs nor the anchor's other fields to find it.
-            guard_error("the map file begins with a dump: it is left to the service\n");
-            return guard_done;
-        }
-        if (walked.position == 0) {
-            guard_error("the pending dump is lost: its first block cannot be found\n");
-        } else if (!rescue_dump(&map->anchor, &map->device, map->path)) {
-            return guard_refuses;
-        }
-    }
-    return start_over(map);
+    return is_dump_pending(map->anchor.flags) ? save_and_start_over(map, &walked) : start_over(map);
 }
 
 enum guard_status guard_chain(const char *map_path, bool every_header) {
@@ -119,7 +145,7 @@ enum guard_status guard_chain(const char *map_path, bool every_header) {
     }
     if (!is_initial_block_header(&map.anchor)) {
         guard_info("no chain to guard\n");
-        (void)property_set("vendor.tarnix.chain", "none");
+        publish("none");
         return guard_done;
     }
     if (open_guarded_map(map_path, &map) != 0) {
@@ -127,9 +153,19 @@ enum guard_status guard_chain(const char *map_path, bool every_header) {
     }
     switch (compare(&map, every_header)) {
         case chain_matches:
-            (void)property_set("vendor.tarnix.chain", "good");
+            if (!is_still_at_its_path(&map)) {
+                guard_error("cannot look: %s: %s\n", map.path, strerror(errno));
+                return guard_cannot_look;
+            }
+            publish("good");
             pin_map_file(map.file, first_in_boot);
             return guard_done;
+        case chain_has_bad_crc:
+            if (is_dump_pending(map.anchor.flags)) {
+                publish("broken");
+                return leave_dump_to_service();
+            }
+            return put_right(&map);
         case chain_differs:
             return put_right(&map);
         case chain_disputed:

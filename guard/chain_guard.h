@@ -17,7 +17,8 @@ enum guard_status {
 //
 //   none    there is no anchor
 //   good    the chain is the map file's
-//   moved   the map file lies elsewhere, or is gone; the anchor's chain still verifies
+//   moved   the map file lies elsewhere, or is gone; the anchor's chain still verifies: all of it
+//           where a dump is pending, else as much as is looked at, its first blocks
 //   broken  it does not
 //
 // The property stays as it is when the guard cannot look.

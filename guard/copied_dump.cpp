@@ -12,6 +12,9 @@
 #include "guard/device_blocks.h"
 #include "guard/guarded_map.h"
 
+// What a new map file is filled with.
+static const uint8_t map_fill = 0xFF;
+
 // The walk over the file's blocks, which follows the links that stand in them.
 struct copied_chain {
     struct device_blocks here;   // the blocks of the file
@@ -21,7 +24,15 @@ struct copied_chain {
     uint32_t link;               // where the chain has the next one
     uint32_t crc;                // running CRC up to here
     bool is_seen;                // a block was found in both places, with the same bytes
+    bool is_in_doubt;            // one has lost its old place, and holds more than the fill
 };
+
+// Whether a block holds nothing but the fill behind its header.
+static bool is_fresh(const uint8_t *block, uint32_t block_length) {
+    const uint8_t *payload = block + sizeof(struct block_header);
+    return payload[0] == map_fill &&
+           memcmp(payload, payload + 1, dump_payload_size(block_length) - 1) == 0;
+}
 
 // Whether the file's block at `place` is the chain's next.
 static bool is_next(struct copied_chain *chain, uint64_t place) {
@@ -42,6 +53,8 @@ static bool is_next(struct copied_chain *chain, uint64_t place) {
                 return false;
             }
             chain->is_seen |= chain->position < chain->n_before;
+        } else {
+            chain->is_in_doubt |= !is_fresh(copy, chain->here.block_length);
         }
     }
     chain->crc = crc;
@@ -60,16 +73,16 @@ static bool follow(struct copied_chain *chain, struct chain_extents *extents) {
             }
         }
     }
-    return more == 0 && chain->link == 0 && chain->is_seen;
+    return more == 0 && chain->link == 0;
 }
 
-bool file_holds_dump(const struct guarded_map *map, const struct chain_links *walked) {
+enum copied_dump find_copied_dump(const struct guarded_map *map, const struct chain_links *walked) {
     const struct initial_block_header *anchor = &map->anchor;
     struct stat map_stat;
     if (map->file == -1 || map->device.buffer == nullptr || fstat(map->file, &map_stat) != 0 ||
         static_cast<uint64_t>(map_stat.st_blksize) != anchor->block_length ||
         static_cast<uint64_t>(map_stat.st_size) / anchor->block_length != anchor->n_blocks) {
-        return false;
+        return dump_is_not_copied;
     }
     struct copied_chain chain = {};
     chain.here.fd = chain.there.fd = -1;
@@ -81,10 +94,13 @@ bool file_holds_dump(const struct guarded_map *map, const struct chain_links *wa
     const bool is_open =
         open_device_blocks(map->device_path, anchor->block_length, &chain.here) == 0 &&
         open_device_blocks(map->device_path, anchor->block_length, &chain.there) == 0;
-    const bool holds = is_open && follow(&chain, &extents);
+    const bool follows = is_open && follow(&chain, &extents);
     close_device_blocks(&chain.here);
     close_device_blocks(&chain.there);
-    return holds;
+    if (follows && chain.is_seen) {
+        return dump_is_copied;
+    }
+    return follows && chain.is_in_doubt ? dump_may_be_copied : dump_is_not_copied;
 }
 
 bool file_begins_dump(const struct guarded_map *map) {

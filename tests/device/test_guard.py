@@ -32,6 +32,9 @@ GOOD = "I the chain is the map file's: N blocks in N runs, N headers read"
 PINNED = "I the map file is pinned"
 ELSEWHERE = "E map file and chain differ at block N, device block N: the anchor leads elsewhere"
 WHOLE = "E the anchor's chain is whole: N blocks"
+BEGINS_WELL = "E the anchor's chain is good in its first N blocks"
+NO_PLACE = "E map file and chain differ at block N: it has no place"
+LEFT = "E the map file holds the pending dump: it is left to the service"
 ANEW = f"E anchor and map file are gone, the service makes new ones: {MAP}"
 SAVED = "E the pending dump is saved along the links: N blocks"
 SIZES_DIFFER = "E the map file has N blocks of N bytes, the chain N of N"
@@ -109,9 +112,8 @@ def test_a_pending_dump_is_saved(prepared, helper):
                 "E the pending dump is cut: N of N blocks are saved, then the chain breaks off: "
                 "bad magic", ANEW, options="--full", chain="broken"),
         # Nothing of it can be reached: the files of the dump before stay.
-        guarded(pending() + poke(MISC, ANCHOR_OFFSET + 16, bytes(4)),
-                "E map file and chain differ at block N, device block N: bad CRC",
-                "E the anchor's chain breaks off behind N of N blocks: bad CRC",
+        guarded(pending() + poke(MISC, ANCHOR_OFFSET + 4, bytes(4)), ELSEWHERE,
+                "E the anchor's chain breaks off behind N of N blocks: it ends too early",
                 "E the pending dump is lost: its first block cannot be found", ANEW,
                 chain="broken"),
     ])
@@ -128,6 +130,7 @@ def test_a_copied_map(prepared, helper):
     first, cut = "echo 1 | tee /data/other >/data/first\n", 70
     copy = f"cp {MAP} {MAP}.copy\nmv {MAP}.copy {MAP}\nsync\n"
     off = "E the anchor's chain breaks off behind N of N blocks: bad magic"
+    left = LOOK.replace("/vendor/bin/tarnix-guard --full 2>&1", "")  # put right at the next start
     # Copied before the crash, and an old block given away after it: the copy knows nothing of it.
     boot(phone, [Step(f"{copy}tarnix -t {MAP}")])
     crash(phone, DUMP)
@@ -141,22 +144,40 @@ def test_a_copied_map(prepared, helper):
     crash(phone, DUMP)
     runs = boot_guarded(phone, helper, [
         guarded(first + copy + poke(DATA, chain[cut] * BLOCK, b"gone"), ELSEWHERE, off,
-                "E the map file holds the pending dump: it is left to the service",
-                chain="broken", after=f"cp -r {APQ} $results/apq"),
-        guarded("", ELSEWHERE, off, ANEW, chain="broken"),
+                LEFT, chain="broken", after=left),
+        # Now only its first blocks are looked at.
+        guarded("", ELSEWHERE, BEGINS_WELL, ANEW, chain="moved"),
     ])
     assert files_of(runs[0]) == files_of(runs[1]) == DUMP
-    # The anchor's seed is lost: the service needs none.
+    # The anchor's seed, or its first block, is lost: the service needs neither.
     crash(phone, DUMP)
     crc = "E map file and chain differ at block N, device block N: bad CRC"
-    off = off.replace("magic", "CRC")
     runs = boot_guarded(phone, helper, [
-        guarded(first + poke(MISC, ANCHOR_OFFSET + 16, bytes(4)), crc, off,
-                "E the map file begins with a dump: it is left to the service",
-                chain="broken", after=LOOK.replace("/vendor/bin/tarnix-guard --full 2>&1", "")),
-        guarded("", crc, off, ANEW, chain="broken"),
+        guarded(first + poke(MISC, ANCHOR_OFFSET + 16, bytes(4)), crc, LEFT,
+                chain="broken", after=left),
+        guarded("", crc, off.replace("magic", "CRC"), ANEW, chain="broken"),
     ])
     assert files_of(runs[0]) == files_of(runs[1]) == DUMP
+    crash(phone, DUMP)
+    short = off.replace("bad magic", "it ends too early")
+    runs = boot_guarded(phone, helper, [
+        guarded(first + poke(MISC, ANCHOR_OFFSET + 4, bytes(4)), ELSEWHERE, short,
+                "E the map file begins with a dump: it is left to the service",
+                chain="broken", after=left),
+        guarded("", ELSEWHERE, short, ANEW, chain="broken"),
+    ])
+    assert files_of(runs[0]) == files_of(runs[1]) == DUMP
+    # No old block tells whether the file was copied after the crash: somebody has to choose.
+    chain = chain_of(phone)
+    crash(phone, DUMP)
+    boot_guarded(phone, helper, [
+        guarded(first + copy + poke(DATA, chain[0] * BLOCK, b"gone"), ELSEWHERE, off,
+                "E the map file may hold the pending dump: it stays, and nothing is started",
+                status=3, chain="broken", after=f"[ -e {MAP} ]\n"),
+        guarded(f"rm {MAP}", f"E the map file is missing: {MAP}", off,
+                "E the pending dump is lost: its first block cannot be found", ANEW,
+                chain="broken"),
+    ])
     assert is_untouched(phone) and len(chain_of(phone)) == MAP_SIZE // BLOCK
 
 
@@ -169,18 +190,17 @@ def test_nothing_is_pending(prepared, helper, request):
     other_device = struct.pack("<6I", ANCHOR_MAGIC, 1000, 512, 1 << 31, 7, 1)
     boot_guarded(phone, helper, [
         guarded(first, *good, tool=f"-t {MAP}", chain="good", after=stays + LOOK),
-        guarded(MOVE, ELSEWHERE, WHOLE, ANEW, chain="moved"),
-        guarded(f"rm {MAP}", f"E the map file is missing: {MAP}", WHOLE, ANEW, chain="moved"),
-        guarded(f"cp {MAP} {MAP}.copy\nmv {MAP}.copy {MAP}", ELSEWHERE, WHOLE, ANEW,
+        guarded(MOVE, ELSEWHERE, BEGINS_WELL, ANEW, chain="moved"),
+        guarded(f"rm {MAP}", f"E the map file is missing: {MAP}", BEGINS_WELL, ANEW,
                 chain="moved"),
-        guarded(f"truncate -s 100000 {MAP}", SIZES_DIFFER, WHOLE, ANEW, chain="moved"),
+        guarded(f"cp {MAP} {MAP}.copy\nmv {MAP}.copy {MAP}", ELSEWHERE, BEGINS_WELL, ANEW,
+                chain="moved"),
+        guarded(f"truncate -s 100000 {MAP}", SIZES_DIFFER, BEGINS_WELL, ANEW, chain="moved"),
         # A hole, and a block that the file system has not written.
         guarded(f"truncate -s {BLOCK} {MAP}\ntruncate -s {MAP_SIZE} {MAP}",
-                "E map file and chain differ at block N, device block N: it has no place", WHOLE,
-                ANEW, chain="moved"),
-        guarded(f"rm {MAP}\nfallocate -l {MAP_SIZE} {MAP}",
-                "E map file and chain differ at block N, device block N: it has no place", WHOLE,
-                ANEW, chain="moved"),
+                NO_PLACE, BEGINS_WELL, ANEW, chain="moved"),
+        guarded(f"rm {MAP}\nfallocate -l {MAP_SIZE} {MAP}", NO_PLACE, BEGINS_WELL, ANEW,
+                chain="moved"),
         guarded(poke(MISC, ANCHOR_OFFSET, other_device), SIZES_DIFFER,
                 "E the anchor's chain breaks off behind N of N blocks: Invalid argument", ANEW,
                 chain="broken"),

@@ -1,11 +1,15 @@
 // What the file systems of the emulated device do not answer, and chains that only a forger makes.
 #include <errno.h>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/fiemap.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include "chain/format/block_header.h"
+#include "chain/format/dump_file_header.h"
+#include "chain/format/dump_layout.h"
 #include "chain/format/initial_block_header.h"
 #include "guard/chain_comparison.h"
 #include "guard/chain_links.h"
@@ -85,7 +89,13 @@ TEST(guard, extents) {
         {"unwritten", third(FIEMAP_EXTENT_UNWRITTEN), hole, chain_differs},
         {"inline", third(FIEMAP_EXTENT_DATA_INLINE), hole, chain_differs},
         {"delayed", third(FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_UNKNOWN), hole, chain_differs},
-        {"unwritten by one word only", third(FIEMAP_EXTENT_UNWRITTEN), same, chain_disputed},
+        {"unwritten, FIBMAP gives away the place", third(FIEMAP_EXTENT_UNWRITTEN), same,
+         chain_differs},
+        {"unwritten by one word only",
+         third(FIEMAP_EXTENT_UNWRITTEN),
+         {{5}, {6}, {10}, {8}},
+         chain_disputed},
+        {"delayed by one word only", third(FIEMAP_EXTENT_DELALLOC), same, chain_disputed},
         {"misaligned", {extent(0, 5, 2), misaligned, extent(3, 8, 1)}, same, chain_disputed},
         {"hole", {extent(0, 5, 2), extent(3, 8, 1)}, hole, chain_differs},
         {"hole at the end", {extent(0, 5, 2)}, hole, chain_differs},
@@ -142,27 +152,66 @@ DEVICE_TEST(guard, many_extents) {
     for (const uint32_t block : blocks) {
         platform.fibmap.push_back({static_cast<int>(block)});
     }
+    const std::string bad_crc = "device block 2599: bad CRC\n";
     write_file_at(DEVICE_PATH, 2599 * block_length + 8, "1234");
+    EXPECT_EQ(chain_has_bad_crc, compare(blocks));
+    EXPECT_EQ("E map file and chain differ at block 899, " + bad_crc, take_log());
+    // It hides nothing that comes behind it.
+    write_file_at(DEVICE_PATH, blocks[1] * block_length + 8, "1234");
+    write_file_at(DEVICE_PATH, 2599 * block_length, "gone");
     EXPECT_EQ(chain_differs, compare(blocks));
-    EXPECT_EQ("E map file and chain differ at block 899, device block 2599: bad CRC\n", take_log());
+    EXPECT_EQ(
+        "E map file and chain differ at block 1, device block 998: bad CRC\n"
+        "E map file and chain differ at block 899, device block 2599: bad magic\n",
+        take_log());
 }
 
-// A block that the flash does not give today ends nothing: the dump stays pending.
-DEVICE_TEST(guard, unreadable_block) {
-    const std::string misc = std::string(3184, 'm') + anchor_bytes(5, 4, seed, 3);
-    write_file(MISC_PATH, misc);
-    write_file(DEVICE_PATH, std::string(16 * block_length, 'd'));
-    make_chain(chain);
-    make_map_file(chain.size() * block_length);
-    struct initial_block_header anchor = anchor_of(chain);
-    anchor.flags |= initial_block_header_dump_flag;
-    struct device_blocks device;
-    must(open_device_blocks(DEVICE_PATH, block_length, &device) == 0, DEVICE_PATH);
-    must(truncate(DEVICE_PATH, 4 * block_length) == 0, DEVICE_PATH);
-    EXPECT_FALSE(rescue_dump(&anchor, &device, MAP_PATH));
-    EXPECT_NE(std::string::npos, take_log().find("the pending dump cannot be read: it stays"));
-    EXPECT_EQ(misc, read_file(MISC_PATH));
-    close_device_blocks(&device);
+// What becomes of a dump whose blocks change, or are kept back, while it is saved.
+TEST(guard, rescue) {
+    const struct {
+        const char *name;
+        const char *file;
+        uint64_t file_blocks;  // size of its data, in blocks
+        uint32_t anchor_blocks;
+        uint64_t n_found;
+        uint64_t device_blocks;
+        bool is_saved;
+        const char *line;
+    } rows[] = {
+        {"whole", "a", 3, 4, 4, 16, true, "saved along the links: 4 blocks"},
+        {"its name is none", "a/b", 3, 4, 4, 16, true, "cut: the last file that was found cannot"},
+        {"longer than the chain", "a", 4, 4, 4, 16, true, "cut: its last file goes on behind"},
+        {"broken already", "a", 4, 5, 4, 16, true, "cut: 4 of 5 blocks are saved, then the chain"},
+        {"broken by its files", "a", 4, 5, 5, 16, true, "saved, then the dump's own files took"},
+        {"unreadable", "a", 3, 4, 4, 4, false, "cannot be read: it stays, and nothing is started"},
+    };
+    for (const auto &row : rows) {
+        on_fresh_device(row.name, [&row] {
+            write_file(MISC_PATH, std::string(3184, 'm') + anchor_bytes(5, 4, seed, 3));
+            make_map_file(chain.size() * block_length);
+            write_file(DEVICE_PATH, std::string(16 * block_length, 'd'));
+            make_chain(chain);
+            const std::string data(row.file_blocks * block_length, 'x');
+            struct dump_file_header file = {dump_file_header_magic, "", data.size(), 0};
+            snprintf(file.name, sizeof(file.name), "%s", row.file);
+            const std::string stream = bytes_of(file) + data;
+            const size_t payload = dump_payload_size(block_length);
+            for (size_t i = 0; i < chain.size(); ++i) {
+                write_file_at(DEVICE_PATH, chain[i] * block_length + sizeof(struct block_header),
+                              stream.substr(i * payload, payload));
+            }
+            struct initial_block_header anchor = anchor_of(chain);
+            anchor.n_blocks = row.anchor_blocks;
+            struct device_blocks device;
+            must(open_device_blocks(DEVICE_PATH, block_length, &device) == 0, DEVICE_PATH);
+            must(truncate(DEVICE_PATH, static_cast<off_t>(row.device_blocks * block_length)) == 0,
+                 DEVICE_PATH);
+            EXPECT_EQ(row.is_saved, rescue_dump(&anchor, &device, row.n_found, MAP_PATH));
+            EXPECT_THAT(take_log(), testing::HasSubstr(row.line));
+            EXPECT_EQ(row.is_saved ? 1 : 3, read_file(MISC_PATH)[3184 + 20]);
+            close_device_blocks(&device);
+        });
+    }
 }
 
 TEST(guard, links) {
