@@ -1,5 +1,6 @@
 """Makes images with a block chain at given physical blocks."""
 
+import os
 import struct
 import zlib
 
@@ -8,6 +9,7 @@ ANCHOR_MAGIC = 0x72644842
 BLOCK_MAGIC = 0x6E684342
 SEED = 0x12345678
 BLOCK = 4096
+PAYLOAD = BLOCK - 12
 
 
 def headers(blocks, seed):
@@ -19,14 +21,30 @@ def headers(blocks, seed):
     return result
 
 
+def file_header(name, size):
+    return struct.pack("<4s20sQQ", b"F1Le", name, size, 0)
+
+
+def dump_stream(files):
+    """The payloads' bytes of a dump of [(name, data)], and where in them each data begins."""
+    stream, places = b"", []
+    for name, data in files:
+        left = PAYLOAD - len(stream) % PAYLOAD
+        stream += bytes(left if left < 40 else 0) + file_header(name, len(data))
+        places.append(len(stream))
+        stream += data
+    return stream, places
+
+
 class Image:
-    """A file for each partition, that of data with 2048 blocks; `arguments` name the two."""
+    """A file for each partition, that of data with 2048 blocks."""
 
     def __init__(self, folder, blocks):
-        self.blocks, self.misc, self.data = blocks, folder / "misc.img", folder / "data.img"
-        self.arguments = ["--misc", self.misc, "--data", self.data]
-        self.misc.write_bytes(bytes(2 * BLOCK))
-        self.data.write_bytes(bytes(2048 * BLOCK))
+        self.blocks = blocks = list(blocks)
+        self.misc, self.data = folder / "misc.img", folder / "data.img"
+        for path, size in ((self.misc, 2), (self.data, 2048)):
+            path.write_bytes(b"")
+            os.truncate(path, size * BLOCK)
         self.set_anchor()
         for block, header in zip(blocks, headers(blocks, SEED)):
             self.poke(block, header)
@@ -46,5 +64,7 @@ class Image:
         chain = self.blocks[: position + 1] + [following]
         self.poke(self.blocks[position], headers(chain, SEED)[position])
 
-    def digest(self):
-        return [zlib.crc32(path.read_bytes()) for path in (self.misc, self.data)]
+    def set_dump(self, files):
+        stream, _ = dump_stream(files)
+        for number, start in enumerate(range(0, len(stream), PAYLOAD)):
+            self.poke(self.blocks[number], stream[start:start + PAYLOAD], 12)
