@@ -1,24 +1,28 @@
 """The guide's commands, as a new integrator follows them on the emulated device, its links, and its
 tables of messages against those in the sources."""
 
-import os
 import re
 import shutil
 
 from emulated import REPO, device, run
+from shell_session import replay
 from test_build import ROOMS
 
-PAGES = {path: path.read_text()
-         for path in (REPO / "README.md", REPO / "emulator/README.md", *(REPO / "docs").glob("*.md"))}
+PAGES = {path: path.read_text() for path in (REPO / "README.md", REPO / "emulator/README.md",
+                                             *(REPO / "docs").glob("*.md"))}
 INTEGRATION, TROUBLE = (PAGES[REPO / "docs" / name] for name in ("integration.md",
                                                                 "troubleshooting.md"))
 FOLDER = REPO / "build/first-dump"  # the commands'
 STRING = r'"(?:[^"\\]|\\.)*"'
-CALL = re.compile(rf"\b((?:log|guard)_\w+|\w*printf|P?LOG|CHECK|next_field)\(((?:{STRING}|[^;\"])*);")
+PRIORITIES = {"log_info": "I", "log_warn": "W", "log_error": "E", "guard_info": "I",
+              "guard_error": "E", "printf": "out", "LOG": "E", "PLOG": "E", "CHECK": "F",
+              "next_field": "E"}
+# A call up to its last string that is not an argument of a format.
+CALL = re.compile(rf"(?<!\*)\b({'|'.join(PRIORITIES)})\([^;\"]*"
+                  rf"({STRING}(?:\s*(?:<<)?\s*(?:{STRING}|\w+))*)")
 CONVERSION = re.compile(r"%[-#0-9]*(?:l|ll|z)?[diuxsc]")
-PLAIN = {"log_info": "I", "log_warn": "W", "log_error": "E", "guard_info": "I", "guard_error": "E",
-         "printf": "out"}
-PRIORITIES = {**PLAIN, "LOG": "E", "PLOG": "E", "CHECK": "F", "next_field": "E"}
+# What comes before the text of these two.
+PREFIXES = {"CHECK": "Check failed: out_val != nullptr ", "next_field": "[libfs_mgr]"}
 
 
 def test_the_commands_end_with_a_dump():
@@ -39,36 +43,12 @@ def test_the_commands_end_with_a_dump():
                                               "androidboot.qorramdump=1"))
 
 
-def test_the_emulated_adb_is_as_strict_as_a_phone(tmp_path):
+def test_the_emulated_adb_is_as_strict_as_a_phone(tmp_path, monkeypatch, file_regression):
     device("make", tmp_path / "phone", "--size", "64M", "--prop", "ro.sf=1")
-    environment = {**os.environ, "ANDROID_SERIAL": str(tmp_path / "phone")}
-
-    def adb(*words):
-        result = run(REPO / "emulator/phone/adb", *words, accept=range(256), env=environment)
-        return result.returncode, (result.stdout + result.stderr).strip()
-
-    needs_root = {
-        "shell echo c > /proc/sysrq-trigger": (1, "sh: can't create /proc/sysrq-trigger: "
-                                                  "Permission denied"),
-        "shell ls /data/vendor": (1, "ls: /data/vendor: Permission denied"),
-        "shell /vendor/bin/tarnix": (126, "/system/bin/sh: /vendor/bin/tarnix: can't execute: "
-                                          "Permission denied"),
-        "shell setprop vendor.tarnix.start 1": (1, "setprop: failed to set property "
-                                                   "'vendor.tarnix.start' to '1'"),
-        f"pull /data/vendor {tmp_path}": (1, "adb: error: failed to stat remote object "
-                                             "'/data/vendor': Permission denied"),
-        "shell getprop persist.vendor.tarnix.map": (0, "")}
-    adb("root")
-    assert adb("shell", "setprop persist.vendor.tarnix.map kept") == (0, "")
-    assert adb("shell", "getprop persist.vendor.tarnix.map") == (0, "kept")
-    adb("reboot")
-    assert adb("wait-for-device") == (0, "")
-    assert "security on" not in adb("logcat", "-d")[1], "the service has run by then"
-    assert {words: adb(*words.split(" ", 1)) if words.startswith("shell") else adb(*words.split())
-            for words in needs_root} == needs_root
-    assert "security on" in adb("logcat", "-d")[1]
-    adb("root")
-    assert adb("shell", "getprop persist.vendor.tarnix.map") == (0, "kept")
+    monkeypatch.setenv("ANDROID_SERIAL", str(tmp_path / "phone"))
+    monkeypatch.setenv("PATH", f"{REPO}/emulator/phone", prepend=":")
+    session = REPO / "tests/android/adb.txt"
+    file_regression.check(replay(session.read_text()), fullpath=session)
 
 
 def anchors(text):
@@ -86,35 +66,19 @@ def test_links_lead_somewhere():
     assert not broken
 
 
-def strings(text):
-    return "".join(piece[1:-1].replace("\\n", "") for piece in re.findall(STRING, text))
-
-
-def message_of(call, arguments):
-    """The text that a call writes, with % for whatever varies; None for a call that writes none."""
-    if call in PLAIN:
-        return CONVERSION.sub("%", strings(re.match(rf"(?:\s*{STRING})+", arguments)[0]))
-    if call == "next_field":
-        # The message is its last argument. The definition has none.
-        return "[libfs_mgr]" + strings(arguments) if arguments.endswith('")') else None
-    if call not in PRIORITIES or arguments.endswith("missing"):
-        return None  # prints into memory; or what next_field passes on
-    condition, *pieces = re.split(r"\s*<<\s*", arguments)
-    text = "".join(strings(piece) or "%" for piece in pieces)
-    if call == "CHECK":
-        return f"Check failed: {condition[:-1]} {text}"
-    return text + (": %" if call == "PLOG" else "")
-
-
 def source_messages():
-    """{(text, priority)} of every message that the program can write."""
+    """{(text, priority)} of every message that the program can write, with % for what varies."""
     found = set()
     for path in (path for room in ROOMS for path in (REPO / room).glob("*.cpp")):
         text = re.sub(r"//.*", "", path.read_text())
         # The usage is one message of many lines.
         text = re.sub(r'(log_info\("usage.*?;).*?^}', r"\1", text, flags=re.M | re.S)
-        found |= {(message_of(*call), PRIORITIES.get(call[0])) for call in CALL.findall(text)}
-    return {message for message in found if message[0] is not None}
+        for call, arguments in CALL.findall(text):
+            strings = re.findall(STRING, re.sub(r"<<\s*\w+", '"%"', arguments))
+            message = CONVERSION.sub("%", "".join(text[1:-1] for text in strings))
+            found.add((PREFIXES.get(call, "") + message.replace("\\n", "")
+                       + (": %" if call == "PLOG" else ""), PRIORITIES[call]))
+    return found - {("[libfs_mgr]%", "E")}  # passes on what is found elsewhere
 
 
 def source_of(shown, messages):

@@ -13,8 +13,18 @@ TYPES = (("/data/vendor/ramdump", "tarnix_data_file"), ("/data/vendor", "vendor_
          ("/fstab.", "rootfs"), ("/vendor/etc", "vendor_configs_file"),
          ("/vendor/bin/tarnix", "tarnix_exec"), ("/proc/cmdline", "proc_cmdline"),
          ("/sys/firmware/devicetree/base/firmware/android", "sysfs_dt_firmware_android"))
-PERMISSIONS = {"execve": "execute_no_trans", "openat": "open", "fchmodat": "setattr", "newfstatat": "getattr", "read": "read",
-               "pread64": "read", "write": "write", "getdents64": "read", "mkdirat": "create"}
+# What a call that is traced so needs: (type, class, permission), None for those of its path.
+RULES = (("^execve", (None, None, "execute_no_trans")), ("^openat", (None, None, "open")),
+         ("^fchmodat", (None, None, "setattr")), ("^newfstatat", (None, None, "getattr")),
+         ("^(read|pread64|getdents64)\\(", (None, None, "read")),
+         ("^write\\(", (None, None, "write")),
+         ("^mkdirat|O_CREAT", (None, None, "create"), (None, "dir", "add_name")),
+         ("^unlinkat.*REMOVEDIR", (None, "dir", "rmdir"), (None, "dir", "remove_name")),
+         ("^unlinkat(?!.*REMOVEDIR)", (None, "file", "unlink"), (None, "dir", "remove_name")),
+         ("^statfs\\(", ("labeledfs", "filesystem", "getattr")),
+         ("FIBMAP", ("self", "capability", "sys_rawio")),
+         ('"/dev/block/', ("block_device", "lnk_file", "read"), ("block_device", "dir", "search")),
+         ('"/proc/device-tree/', ("proc", "lnk_file", "read")))
 
 
 def type_of(path):
@@ -24,10 +34,10 @@ def type_of(path):
 def needs(trace):
     """(type, class, permission) of what traced runs of the tool did to files of those types."""
     found = set()
-    for call, line in re.findall(r"^\d+ +(\w+)\((.* = [^-].*)$", trace, flags=re.M):
+    for line in re.findall(r"^\d+ +(\w+\(.* = [^-].*)$", trace, flags=re.M):
         # Rather what a descriptor stands for, as the one that was opened, than a name with links.
         paths = re.findall(r'[<"](/[^">]*)[">]', line)
-        if call == "execve":
+        if line.startswith("execve"):
             del paths[1:]  # the program, not what it is given
         path = next((path for path in reversed(paths) if type_of(path)), None)
         if path is None:
@@ -35,21 +45,9 @@ def needs(trace):
         kind = "blk_file" if path.startswith("/dev/") else \
             "file" if re.search(r"\.\w+$|^/fstab|^/proc|^/sys|^/vendor/bin", path) else "dir"
         found |= {(name, "dir", "search") for name in {type_of(os.path.dirname(path))} if name}
-        if call == "unlinkat":
-            removed = ("dir", "rmdir") if "REMOVEDIR" in line else ("file", "unlink")
-            found |= {(type_of(path), *rule) for rule in (removed, ("dir", "remove_name"))}
-        elif call == "statfs":
-            found.add(("labeledfs", "filesystem", "getattr"))
-        elif "FIBMAP" in line:
-            found.add(("self", "capability", "sys_rawio"))
-        elif call in PERMISSIONS:
-            found.add((type_of(path), kind, PERMISSIONS[call]))
-        if call == "mkdirat" or "O_CREAT" in line:
-            found |= {(type_of(path), *rule) for rule in ((kind, "create"), ("dir", "add_name"))}
-        if '"/dev/block/' in line:
-            found |= {("block_device", "lnk_file", "read"), ("block_device", "dir", "search")}
-        if '"/proc/device-tree/' in line:
-            found.add(("proc", "lnk_file", "read"))
+        found |= {(type_ or type_of(path), class_ or kind, permission)
+                  for pattern, *needed in RULES if re.search(pattern, line)
+                  for type_, class_, permission in needed}
     return found
 
 

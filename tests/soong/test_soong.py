@@ -30,18 +30,13 @@ def compile_judge():
     return judge
 
 
-def link(place, target):
-    place.parent.mkdir(parents=True, exist_ok=True)
-    if not place.is_symlink():
-        place.symlink_to(target)
-
-
 def test_build_file_builds_every_source_with_the_trees_options(judge):
     tree = BUILD / "tree"
     tree.mkdir(exist_ok=True)
     run(judge, REPO, REPO / "Android.bp", cwd=tree)
-    link(tree / "vendor/crash/tarnix", REPO)
-    link(tree / COMPILER, REPO / "tests/soong/compiler")
+    for place, target in (("vendor/crash/tarnix", "."), (COMPILER, "tests/soong/compiler")):
+        (tree / place).parent.mkdir(parents=True, exist_ok=True)
+        run("ln", "-sfn", REPO / target, tree / place)
     run(f"{REPO}/emulator/fetch-arm64")
     run("ninja", "-C", tree, "-k", "0", "tarnix_objects")
     commands = run("ninja", "-C", tree, "-t", "commands", "tarnix_objects").stdout
