@@ -6,7 +6,7 @@ import shutil
 
 from emulated import REPO, device, run
 from shell_session import replay
-from test_build import ROOMS
+from test_policy import ROOMS
 
 PAGES = {path: path.read_text() for path in (REPO / "README.md", REPO / "emulator/README.md",
                                              *(REPO / "docs").glob("*.md"))}

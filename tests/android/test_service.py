@@ -4,7 +4,7 @@ import os
 import re
 
 from emulated import MAP, REPO, SYSROOT, compile_for_device, crash, device, write_text
-from test_build import compile_policy
+from test_policy import compile_policy
 
 CREATE = f"--run=-a 1048576 {MAP}"
 # What the emulated device's paths are to the policy; the first that fits.

@@ -1,4 +1,4 @@
-"""Android.bp and android/sepolicy/, as far as this machine can try them."""
+"""android/sepolicy/, as far as this machine can try it; the service's test tries it further."""
 
 import re
 
@@ -7,10 +7,6 @@ from emulated import REPO, run, write_text
 
 POLICY = REPO / "android/sepolicy"
 ROOMS = ("bootside", "chain", "config", "driver", "extract", "fs_mgr", "guard", "partitions")
-
-
-def test_build_file_is_formatted():
-    assert run("bpfmt", "-l", "Android.bp", cwd=REPO).stdout == ""
 
 
 def compile_policy(variant, output, addition=""):
@@ -38,10 +34,3 @@ def test_policy_compiles_and_labels_what_it_declares(tmp_path, variant):
     used = set(re.findall(r'property_[gs]et\("([^"]+)"', sources))
     assert {name for name, _ in labels} == used - {"ro.hardware", "ro.crypto.state"} | {
         "vendor.tarnix.start"}
-
-
-@pytest.mark.parametrize("rule", ["misc_block_device:blk_file { open read write }",
-                                  "self:capability sys_rawio"])
-def test_policy_gives_no_user_build_what_the_platform_keeps(tmp_path, rule):
-    result = compile_policy("user", tmp_path / "policy", f"\nallow tarnix {rule};")
-    assert result.returncode != 0 and "neverallow" in result.stderr, result.stderr
