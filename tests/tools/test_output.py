@@ -107,12 +107,13 @@ LOOK_AT_DISK = ["status --disk disk.img"]
 # Chains that are not in one run, on partitions of more and of fewer blocks than a map has places.
 MAPS = {
     "map in runs": lambda i: Image(i.misc.parent, [*range(100, 227), *range(1000, 1064), 1070, 99]),
+    "map of many runs": lambda i: Image(i.misc.parent, range(100, 300, 2)),
     "map of half the partition": lambda i: Image(i.misc.parent, range(1, 1025)),
     "map of an odd partition": lambda i: os.truncate(i.data, 1501 * BLOCK),
     "map of a small partition": lambda i: os.truncate(i.data, 500 * BLOCK),
     "map of a chain that ends": lambda i: i.set_link(5, 0),
 }
-LOOK_AT_MAP = ["map $images"]
+LOOK_AT_MAP = ["map $images", "map $images --json >/dev/full"]
 CASES = [(name, make, "".join(f"$ tarnix-chain {words}\n" for words in look))
          for table, look in ((DAMAGES, LOOK), (DISKS, LOOK_AT_DISK), (MAPS, LOOK_AT_MAP))
          for name, make in table.items()]
