@@ -1,7 +1,8 @@
-/* A boot loader of the smallest kind, in C11, for QEMU's 64-bit Arm machine. Its flash begins at
- * address 0 and holds nothing but this program. It saves that memory, from 0 on, with the example
- * of docs/porting.md; its partitions are files of the host's, reached by semihosting calls. */
-#include "example.c"
+/* A boot loader of the smallest kind, in C11, for QEMU's 64-bit Arm machine "virt". Its flash
+ * begins at address 0 and holds nothing but this program. It saves that memory, from 0 on. Its
+ * partitions are the files misc.img and data.img of the host's, reached by semihosting calls: a
+ * device has its storage driver there. docs/porting.md tells how to build and run it. */
+#include "bootside/example/save_dump.h"
 
 enum host_call {
     host_open = 1,
@@ -9,6 +10,7 @@ enum host_call {
     host_write = 5,
     host_read = 6,
     host_seek = 10,
+    host_length = 12,
     host_exit = 24
 };
 
@@ -32,6 +34,7 @@ static void print(const char *text) {
     call_host(host_write_text, text);
 }
 
+/* The host's handle of a file. */
 static uint64_t open_image(const char *name, uint64_t name_length) {
     const uint64_t read_and_write = 3;
     const uint64_t arguments[] = {(uintptr_t)name, read_and_write, name_length};
@@ -100,9 +103,7 @@ void *memset(void *to, int value, size_t length) {
 
 void boot(void) {
     static unsigned char buffer[65536];
-    static struct images images;
-    images.misc = open_image("misc.img", 8);
-    images.data = open_image("data.img", 8);
+    struct images images = {open_image("misc.img", 8), open_image("data.img", 8)};
     const struct bootside_port port = {.user = &images,
                                        .read_misc = read_misc,
                                        .write_misc = write_misc,
@@ -110,12 +111,12 @@ void boot(void) {
                                        .write_data = write_data,
                                        .flush = flush,
                                        .crc32 = crc32,
-                                       .data_size = 2048 * 4096,
+                                       .data_size = (uint64_t)call_host(host_length, &images.data),
                                        .buffer = buffer,
                                        .buffer_size = sizeof(buffer)};
     const struct region regions[] = {{"flash.bin", NULL, (size_t)(uintptr_t)program_end}};
     const uint64_t application_exit = 0x20026;
-    uint64_t reason[] = {application_exit, 1};
-    reason[1] = save_dump(&port, regions, 1, print) == 0 ? 0 : 1;
+    const int failed = save_dump(&port, regions, 1, print);
+    const uint64_t reason[] = {application_exit, failed != 0};
     call_host(host_exit, reason);
 }
