@@ -43,7 +43,6 @@ static enum bootside_result write_dump(const named_files &files, size_t piece) {
 // blocks are read back, with 40 it holds all of them.
 TEST(bootside, a_dump_comes_back_whatever_the_sizes_the_buffer_and_the_pieces) {
     const std::vector<uint64_t> dumps[] = {
-        {1},
         {payload - 40, 5},         // the first block exactly full
         {payload - 79, 5},         // 39 bytes left in it: padding
         {payload - 80, 5},         // 40 bytes left: a header, its data in the next block
@@ -140,9 +139,8 @@ TEST(bootside, a_flag_never_stands_over_a_torn_dump) {
         device.calls_left = static_cast<unsigned>(calls.size());
         EXPECT_EQ(result, write_dump({{"new", pattern(40 * payload)}}, 999));
         EXPECT_EQ(calls, device.calls);
-        const struct bootside_fault &fault = boot.walk.fault;
-        const uint64_t block = call == 'P' ? offset / 512 : fault.block;
-        const uint64_t position = call == 'P' ? block - 1 : fault.position;
+        const uint64_t block = call == 'P' ? offset / 512 : boot.walk.fault.block;
+        const uint64_t position = call == 'P' ? block - 1 : boot.walk.fault.position;
         EXPECT_EQ((place{position, block, offset, in_misc, 0, 77}), place_of_fault());
         EXPECT_EQ(bootside_out_of_order, bootside_finish(&boot));
         EXPECT_EQ(bootside_out_of_order, bootside_begin_dump(&boot, 1));
@@ -214,11 +212,10 @@ TEST(bootside, a_chain_that_goes_round_for_ever_is_told_soon) {
                 device.port.crc32 = [](void *, uint32_t crc, const void *, size_t) { return crc; };
                 device.port.data_size = UINT64_MAX;
                 device.anchor.n_blocks = announced;
-                for (auto &[number, bytes] : device.blocks) {
-                    const auto block = static_cast<uint32_t>(number);
-                    const uint32_t next = block < tail + lap ? block + 1 : tail + 1;
-                    bytes = bytes_of(block_header{block_header_magic, next, device.anchor.crc32});
+                for (auto &block : device.blocks) {
+                    block.second.replace(8, 4, bytes_of(device.anchor.crc32));
                 }
+                device.blocks[tail + lap].replace(4, 4, bytes_of(tail + 1));
                 ASSERT_EQ(bootside_block_twice, bootside_open(&boot, &device.port));
                 const uint32_t first = tail + (announced - tail) % lap;
                 const uint64_t block = first + 1;

@@ -103,24 +103,18 @@ TEST(memory_map, in_any_order_gives_regions_what_the_firmware_took_and_what_is_k
     }
 }
 
-static uint32_t number_at(const std::string &tree, size_t at) {
-    uint32_t number;
-    memcpy(&number, &tree[at], sizeof(number));
-    return be32toh(number);
-}
-
-static void set_number(std::string *tree, size_t at, size_t number) {
-    tree->replace(at, 4, bytes_of(htobe32(static_cast<uint32_t>(number))));
+static std::string big_endian(size_t number) {
+    return bytes_of(htobe32(static_cast<uint32_t>(number)));
 }
 
 // phone.dts, with the structure behind all the rest, so that it is what a cut hits.
 static std::string phone_tree() {
     std::string tree = read_file("phone.dtb");
-    const std::string structure = tree.substr(number_at(tree, 8), number_at(tree, 36));
-    set_number(&tree, 8, tree.size());
-    tree += structure;
-    set_number(&tree, 4, tree.size());
-    return tree;
+    uint32_t header[10];
+    memcpy(header, tree.data(), sizeof(header));
+    tree.replace(8, 4, big_endian(tree.size()));
+    tree += tree.substr(be32toh(header[2]), be32toh(header[9]));
+    return tree.replace(4, 4, big_endian(tree.size()));
 }
 
 static ranges nodes_of(const std::string &tree) {
@@ -147,8 +141,7 @@ TEST(device_tree, cut_short_or_damaged_is_read_no_further_than_it_goes) {
     const ranges nodes = nodes_of(whole);
     for (size_t size = 40; size < whole.size(); ++size) {
         std::string cut = whole.substr(0, size);
-        set_number(&cut, 4, size);
-        const ranges found = nodes_of(cut);
+        const ranges found = nodes_of(cut.replace(4, 4, big_endian(size)));
         EXPECT_TRUE(std::equal(found.begin(), found.end(), nodes.begin()));
     }
     for (size_t at = 8; at < whole.size(); ++at) {
