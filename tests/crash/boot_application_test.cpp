@@ -29,10 +29,10 @@ static const struct {
     uint64_t first, pages;
 } entries[] = {
     {efi_unusable_memory, 48, 1},       {efi_conventional_memory, 27, 5},
-    {efi_reserved_memory, 32, 8},       {efi_memory_mapped_io, 0, 8},
-    {efi_acpi_nvs_memory, 42, 6},       {efi_boot_services_data, 20, 4},
+    {efi_reserved_memory, 32, 8},       {efi_memory_mapped_io, 60, 8},
+    {efi_acpi_nvs_memory, 42, 6},       {efi_boot_services_data, 16, 4},
     {efi_runtime_services_code, 40, 2}, {efi_conventional_memory, 24, 3},
-    {efi_conventional_memory, 16, 4},
+    {efi_conventional_memory, 20, 4},
 };
 
 static efi_status get_memory_map(size_t *size, void *map, size_t *, size_t *entry_size,
@@ -81,13 +81,13 @@ TEST(memory_map, in_any_order_gives_regions_what_the_firmware_took_and_what_is_k
         size_t taken;
         ranges first_taken, kept;
     } rows[] = {
-        {{}, 3, {{20, 4}}, {}},
-        {{{20, 4}, {40, 8}}, 0, {{0, 0}}, {}},
+        {{}, 3, {{16, 4}}, {}},
+        {{{16, 4}, {40, 8}}, 0, {{0, 0}}, {}},
         // Two that touch hold a range that neither holds.
-        {{{42, 6}, {16, 8}, {38, 4}}, 0, {{0, 0}}, {{16, 4}}},
-        {{{20, 3}, {40, 8}}, 1, {{23, 1}}, {}},  // one page short
-        {{{21, 4}, {40, 8}}, 1, {{20, 4}}, {{24, 1}}},
-        {{{18, 100}}, 0, {{0, 0}}, {{18, 2}, {24, 8}}},
+        {{{42, 6}, {15, 8}, {38, 4}}, 0, {{0, 0}}, {{20, 3}}},
+        {{{16, 3}, {40, 8}}, 1, {{19, 1}}, {}},  // one page short
+        {{{17, 4}, {40, 8}}, 1, {{16, 4}}, {{20, 1}}},
+        {{{26, 100}}, 1, {{16, 4}}, {{26, 6}}},
     };
     for (const auto &row : rows) {
         reserved_memory reserved = {};
