@@ -8,7 +8,7 @@ from pathlib import Path
 
 REPO = Path(__file__).resolve().parents[2]
 sys.path.append(f"{REPO}/tests/tools")
-from chain_image import ANCHOR_MAGIC, headers
+from chain_image import ANCHOR_MAGIC, BLOCK, headers
 
 SYSROOT = os.environ.get("TARNIX_EMULATOR_CACHE", f"{REPO}/build/emulator") + "/sysroot"
 CHAIN = os.environ.get("TARNIX_CHAIN", f"{REPO}/build/native/tools/tarnix-chain")
@@ -16,7 +16,6 @@ KERNEL = os.environ.get("TARNIX_KERNEL", "bookworm")
 EMULATOR_FAILED = 125
 
 MAP = "/data/vendor/ramdump/ramdump.map"
-BLOCK = 4096  # also the device's sector: a write is torn between two of them, never inside one
 # Where the partitions begin on the disk.
 MISC_START, DATA_START = 1 << 20, 8 << 20
 
