@@ -1,4 +1,4 @@
-"""The emulated device's disks in the fault tests: made, booted, and looked at while off.
+"""The emulated device's disks in the fault tests: taken apart, put together, and started from.
 
 Every failure is an AssertionError whose message says what broke."""
 
@@ -6,45 +6,27 @@ import collections
 import contextlib
 import os
 import random
-import re
 import struct
-import subprocess
+import sys
 import tempfile
+from pathlib import Path
 
-REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-TOOL = os.environ.get("TARNIX", f"{REPO}/build/arm64/driver/tarnix")
-CHAIN = os.environ.get("TARNIX_CHAIN", f"{REPO}/build/native/tools/tarnix-chain")
-os.environ["PATH"] += ":/usr/sbin:/sbin"
+sys.path.append(str(Path(__file__).resolve().parents[1] / "emulator"))
+from emulated import BLOCK, DATA_START, MAP, MISC_START, device, walk, write_text
 
-BLOCK = 4096  # the device's sector: a write is torn between two of them, never inside one
 DATA_SIZE = 360 << 20  # an extraction asks for 256 MiB of free space
-# The partitions, in blocks of the disk.
-MISC, DATA = range(1 << 8, 2 << 8), range(2 << 10, (2 << 10) + DATA_SIZE // BLOCK)
-ANCHOR_MAGIC = 0x72644842
-MAP = "/data/vendor/ramdump/ramdump.map"
+# Where the partitions begin, in blocks. A write is torn between two blocks, never inside one.
+MISC, DATA = MISC_START // BLOCK, DATA_START // BLOCK
+HOLE = bytes(BLOCK)
 CREATE, SERVICE = ["-a", str(1 << 20), MAP], ["-s", MAP]
-
-
-def run(*command, accept=(0,), **how):
-    result = subprocess.run([str(word) for word in command], capture_output=True, text=True,
-                            errors="replace", check=False, **how)
-    assert result.returncode in accept, (f"{' '.join(map(str, command))} ended with status "
-                                         f"{result.returncode}:\n{result.stdout}{result.stderr}")
-    return result
-
-
-def device(command, folder, *arguments, **how):
-    return run(f"{REPO}/emulator/device", command, folder, *arguments, **how)
-
-
-def boot(folder, *options, **how):
-    return device("boot", folder, "--tool", TOOL, *options, **how)
-
-
-def write_text(path, text):
-    with open(path, "w", encoding="ascii") as stream:
-        stream.write(text)
-    return path
+APQ = "/data/vendor/ramdump/apq"
+LOOK = f"""
+echo 3 >/proc/sys/vm/drop_caches
+cp {MAP} /host/map
+[ -e {APQ} ] || exit 0
+cp -r {APQ} /host
+find {APQ} -type f -exec stat -c %a {{}} + >/host/modes
+"""
 
 
 def dump_files(number):
@@ -54,37 +36,17 @@ def dump_files(number):
             "one.bin": rng.randbytes(1)}
 
 
-def crash(folder, number):
-    for name, data in dump_files(number).items():
-        with open(f"{folder}/{name}", "wb") as stream:
-            stream.write(data)
-    run(CHAIN, "write", "--disk", f"{folder}/disk.img",
-        *(f"{name}={folder}/{name}" for name in dump_files(number)))
+def load_blocks(folder):
+    """A device's disk as {block number: its bytes}, without the blocks that are zeros."""
+    with open(f"{folder}/disk.img", "rb", buffering=1 << 20) as disk:
+        blocks = enumerate(iter(lambda: disk.read(BLOCK), b""))
+        return {at: block for at, block in blocks if block != HOLE}
 
 
-def load_blocks(path):
-    """An image as {block number: its bytes}, without the blocks that are holes."""
-    blocks = {}
-    with open(path, "rb") as image:
-        size, end = os.fstat(image.fileno()).st_size, 0
-        while end < size:
-            try:
-                start = os.lseek(image.fileno(), end, os.SEEK_DATA)
-            except OSError:  # no data after end
-                break
-            end = os.lseek(image.fileno(), start, os.SEEK_HOLE)
-            for at in range(start // BLOCK, -(-end // BLOCK)):
-                blocks[at] = os.pread(image.fileno(), BLOCK, at * BLOCK)
-    return blocks
-
-
-def save_blocks(path, blocks, part):
-    """Writes those of `blocks` that lie in the range `part` as a sparse image."""
-    with open(path, "wb") as image:
-        image.truncate(len(part) * BLOCK)
-        for at, data in blocks.items():
-            if at in part:
-                os.pwrite(image.fileno(), data, (at - part[0]) * BLOCK)
+def save_blocks(path, blocks):
+    with open(path, "wb") as disk:
+        for at, block in blocks.items():
+            os.pwrite(disk.fileno(), block, at * BLOCK)
 
 
 @contextlib.contextmanager
@@ -93,104 +55,35 @@ def device_of(original, blocks):
     with tempfile.TemporaryDirectory(dir=original) as folder:
         for name in ("device.json", "root"):
             os.symlink(f"{original}/{name}", f"{folder}/{name}")
-        size = os.path.getsize(f"{original}/disk.img")
-        save_blocks(f"{folder}/disk.img", blocks, range(size // BLOCK))
+        save_blocks(f"{folder}/disk.img", blocks)
         yield folder
-
-
-def check_file_system(fs, image, saw_errors):
-    """The journal replays, and nothing is left to repair. saw_errors: the kernel may have noted
-    errors of the disk."""
-    if fs == "ext4":
-        # Of what -p may do only this is not repair but what a mount does.
-        known = r": (recovering journal|clean, |Clearing orphaned inode)"
-        known += r"|contains a file system with errors|: \d+/\d+ files" if saw_errors else ""
-        done = run("e2fsck", "-p", image, accept=(0, 1)).stdout
-        assert all(re.search(known, line) for line in done.splitlines()), done
-        run("e2fsck", "-fn", image)
-    else:
-        checked = run("fsck.f2fs", "-f", "--dry-run", image).stdout
-        assert "[FSCK]" in checked and not re.search(r"\[Fail\]|\[ASSERT\]", checked), checked
-
-
-def read_ext4(image, scratch):
-    """{"NN/name": (mode, bytes)} of the dump directories' files, and the map file's blocks."""
-    run("debugfs", "-R", f"rdump /vendor/ramdump/apq {scratch}", image)
-    files = {}
-    for parent, _, names in os.walk(f"{scratch}/apq"):
-        for name in names:
-            path = os.path.join(parent, name)
-            with open(path, "rb") as stream:
-                files[os.path.relpath(path, f"{scratch}/apq")] = (
-                    os.stat(path).st_mode & 0o777, stream.read())
-    listed = run("debugfs", "-R", "blocks /vendor/ramdump/ramdump.map", image).stdout
-    return files, [int(word) for word in listed.split()]
-
-
-def dump_f2fs(image, inode, scratch):
-    text = run("dump.f2fs", "-i", inode, image, cwd=scratch, input="y\n").stdout
-    with open(f"{scratch}/lost_found/" + re.search(r"i_name .*\[(.*)\]", text)[1], "rb") as stream:
-        data = stream.read()
-    mode = int(re.search(r"i_mode .*\[0x *([0-9a-f]+)", text)[1], 16)
-    return (mode & 0o777, data), [int(at) for at in re.findall(r"i_addr\[.*: (\d+)\]", text)]
-
-
-def read_f2fs(image, scratch):
-    """As read_ext4."""
-    path, files, map_blocks = [], {}, []
-    for line in run("fsck.f2fs", "--dry-run", "-t", image).stdout.splitlines():
-        entry = re.match(r"([|` ]*)(?:\||`)-- (.*) <ino = (0x[0-9a-f]+)>", line)
-        if entry:
-            path[len(entry[1]) // 4:] = [entry[2]]
-            if path == ["vendor", "ramdump", "ramdump.map"]:
-                map_blocks = dump_f2fs(image, entry[3], scratch)[1]
-            elif path[:3] == ["vendor", "ramdump", "apq"] and len(path) == 5:
-                files["/".join(path[3:])] = dump_f2fs(image, entry[3], scratch)[0]
-    return files, map_blocks
 
 
 def anchor_of(blocks):
     """The anchor's six fields: magic, first block, block length, count, seed, flags."""
-    return struct.unpack_from("<6I", blocks.get(MISC[0], bytes(BLOCK)), 3184)
+    return struct.unpack_from("<6I", blocks.get(MISC, HOLE), 3184)
 
 
 def chain_of(blocks):
-    """The chain's blocks, as numbers on the data partition; the chain must verify."""
-    found, block = [], anchor_of(blocks)[1]
-    while block:
-        found.append(block)
-        block = struct.unpack_from("<I", blocks[DATA[0] + block], 4)[0]
-    return found
+    """The chain's blocks, as numbers on the data partition, and whether it is right."""
+    return walk(anchor_of(blocks), lambda at: blocks.get(DATA + at, HOLE)[:12])
 
 
-# flags: the anchor's, None without its magic; verifies: the chain, by its links; whole: it is also
-# the map file's blocks, in order; verdict: tarnix-chain's; files: as read_ext4 says.
-Disk = collections.namedtuple("Disk", "anchor flags verifies whole verdict files")
+# flags: the anchor's; whole: the chain is right, and its blocks are the map file's, in order;
+# dump: name -> bytes of the newest dump directory's files; modes: those of all, in octal.
+Phone = collections.namedtuple("Phone", "flags whole dump modes")
 
 
-def look_at(fs, blocks, folder, saw_errors=False):
-    """Checks the file system of a disk that is off, and says what is on it."""
-    anchor = anchor_of(blocks)
-    with tempfile.TemporaryDirectory(dir=folder) as scratch:
-        data, misc = f"{scratch}/data", f"{scratch}/misc"
-        save_blocks(data, blocks, DATA)
-        save_blocks(misc, blocks, MISC)
-        check_file_system(fs, data, saw_errors)
-        files, map_blocks = (read_ext4 if fs == "ext4" else read_f2fs)(data, scratch)
-        if anchor[0] != ANCHOR_MAGIC:
-            return Disk(anchor, None, False, False, "no anchor", files)
-        verified = run(CHAIN, "verify", "--misc", misc, "--data", data, accept=(0, 1))
-    verifies = verified.returncode == 0
-    whole = verifies and chain_of(blocks) == map_blocks
-    return Disk(anchor, anchor[5], verifies, whole, verified.stdout + verified.stderr, files)
-
-
-def newest_dump(disk):
-    """{name: (mode, bytes)} of the newest dump directory."""
-    newest = max((path.split("/")[0] for path in disk.files), key=int, default="")
-    return {path.split("/")[1]: entry for path, entry in disk.files.items()
-            if path.split("/")[0] == newest}
-
-
-def holds_dump(disk, number):
-    return {name: data for name, (_, data) in newest_dump(disk).items()} == dump_files(number)
+def start(folder, *options):
+    """Starts the device, which must end with status 0, and looks at what it has then."""
+    device("boot", folder, "--after", write_text(f"{folder}/look", LOOK), *options)
+    blocks, boot = load_blocks(folder), Path(folder, "boot")
+    chain, is_right = chain_of(blocks)
+    # No two headers are the same, so this holds each block to its place.
+    is_map = (boot / "map").read_bytes() == b"".join(blocks.get(DATA + at, HOLE) for at in chain)
+    if not (boot / "apq").exists():
+        return Phone(anchor_of(blocks)[5], is_right and is_map, {}, set())
+    newest = max((boot / "apq").iterdir(), key=lambda path: int(path.name))
+    return Phone(anchor_of(blocks)[5], is_right and is_map,
+                 {path.name: path.read_bytes() for path in newest.iterdir()},
+                 set((boot / "modes").read_text().split()))

@@ -2,8 +2,9 @@
 """Cuts the power of the emulated device at every point of its runs and examines what is left.
 
 Each scenario runs once with every write and flush logged in order. The disk is then rebuilt as a
-cut could have left it, at each point of the log, and examined while off; from some of these disks
-the device is booted again. Ends with status 1 at a disk that breaks a promise, and keeps it."""
+cut could have left it, at each point of the log. The boot side must find no anchor, or one with a
+whole chain; and from some of these disks the device is started again, and must end well. Ends with
+status 1 at a disk that breaks a promise, and keeps it."""
 
 import argparse
 import collections
@@ -11,16 +12,12 @@ import concurrent.futures
 import itertools
 import random
 import shutil
-import struct
 import sys
 import tempfile
 
-from disks import (BLOCK, CREATE, DATA, DATA_SIZE, MAP, REPO, SERVICE, boot, crash, device,
-                   device_of, holds_dump, load_blocks, look_at, newest_dump, save_blocks,
-                   write_text)
-
-sys.path.append(f"{REPO}/tests/emulator")
-from emulated import compile_for_device
+from disks import (CREATE, DATA_SIZE, SERVICE, anchor_of, chain_of, device_of, dump_files,
+                   load_blocks, save_blocks, start)
+from emulated import BLOCK, MAP, REPO, compile_for_device, crash, device, read_log, write_text
 
 # Somebody else's syncs beside the tool, so that its writes reach the disk in many small steps.
 BUSY = """sh -c '(while :; do sync; usleep 2000; done) & "$@"; s=$?; kill $!; exit $s' sh"""
@@ -45,31 +42,12 @@ SCENARIOS = (
     Scenario("map moved", CREATE, MOVE, None, GUARD),
     Scenario("map moved after a crash", CREATE, MOVE, 2, GUARD),
 )
+# start: the disk before; entries: the log of what was written to it.
+Recording = collections.namedtuple("Recording", "scenario folder start entries")
 # durable: entries of the log that were flushed; kept: (entry, blocks of it) of those after.
 Cut = collections.namedtuple("Cut", "durable kept")
 # What the order of the tool's steps leaves open: docs/testing.md.
 CLOSED_FILES = "files not opened to others yet"
-
-
-def read_log(path):
-    """The entries of a log: {block: bytes} of a write, None for a flush."""
-    with open(path, "rb") as stream:
-        log = stream.read()
-    _, _, count, sector_size = struct.unpack_from("<QQQI", log)
-    position, entries = sector_size, []
-    for _ in range(count):
-        sector, sectors, flags, _ = struct.unpack_from("<QQQQ", log, position)
-        position += sector_size
-        size = 0 if flags & 4 else sectors * sector_size  # what is discarded may as well stay
-        if size:
-            first, rest = divmod(sector * sector_size, BLOCK)
-            assert rest == 0 and size % BLOCK == 0
-            entries.append({first + at // BLOCK: log[position + at:position + at + BLOCK]
-                            for at in range(0, size, BLOCK)})
-            position += size
-        if flags & 1:
-            entries.append(None)
-    return entries
 
 
 def all_cuts(entries, rng, torn, dropped):
@@ -96,71 +74,53 @@ def all_cuts(entries, rng, torn, dropped):
         base = flush + 1
 
 
-class Recording:
+def record(scenario, folder, busy, helper):
     """One scenario's run: the disk before, and every write after."""
+    if scenario.dump is not None:
+        crash(folder, dump_files(scenario.dump))
+    blocks = load_blocks(folder)
+    device("boot", folder, "--log-writes", f"{folder}/writes",
+           "--before", write_text(f"{folder}/before", scenario.before),
+           "--file", f"/bin/move_blocks={helper}",
+           "--wrap", f"{BUSY if busy else ''} {scenario.wrap}", "--", *scenario.arguments)
+    return Recording(scenario, folder, blocks, read_log(f"{folder}/writes"))
 
-    def __init__(self, fs, scenario, folder, busy, helper):
-        self.fs, self.scenario, self.folder, self.mounted = fs, scenario, folder, 0
-        if scenario.dump is not None:
-            crash(folder, scenario.dump)
-        self.start = load_blocks(f"{folder}/disk.img")
-        self.before = write_text(f"{folder}/before", scenario.before)
-        boot(folder, "--log-writes", f"{folder}/writes", "--before", self.before,
-             "--file", f"/bin/move_blocks={helper}",
-             "--wrap", f"{BUSY if busy else ''} {scenario.wrap}", "--", *scenario.arguments)
-        self.entries = read_log(f"{folder}/writes")
-        self.old_anchor = look_at(fs, self.start, folder).anchor
 
-    def states(self, cuts):
-        """(cut, {block: bytes} of the disk that it leaves) of cuts in the order of the log."""
-        base, done = dict(self.start), 0
-        for cut in cuts:
-            for entry in self.entries[done:cut.durable]:
-                base.update(entry or {})
-            done, blocks = cut.durable, dict(base)
-            for i, count in cut.kept:
-                blocks.update(itertools.islice(self.entries[i].items(), count))
-            yield cut, blocks
+def disk_after(recording, cut):
+    """The disk that a cut leaves, as load_blocks() says."""
+    blocks = dict(recording.start)
+    for entry in recording.entries[:cut.durable]:
+        blocks.update(entry or {})
+    for at, count in cut.kept:
+        blocks.update(itertools.islice(recording.entries[at].items(), count))
+    return blocks
 
-    def examine(self, blocks, after_boot=False):
-        """Examines a disk that is off. Returns the known limit that it shows, or None."""
-        try:
-            return self.judge(look_at(self.fs, blocks, self.folder), after_boot)
-        except AssertionError:
-            # What was synced since f2fs's last checkpoint only a mount brings back.
-            if self.fs != "f2fs" or after_boot:
-                raise
-        self.mounted += 1
-        with device_of(self.folder, blocks) as folder:
-            boot(folder, "--no-run")
-            return self.judge(look_at(self.fs, load_blocks(f"{folder}/disk.img"), folder), False)
 
-    def judge(self, disk, after_boot):
-        building = self.scenario.dump is None
-        is_old = self.scenario.wrap and disk.anchor[:5] == self.old_anchor[:5]
-        if disk.flags is None and not after_boot and (building or self.scenario.wrap):
-            assert not any(disk.anchor), "half an anchor"
-        elif is_old and not after_boot:
-            # The guard was not there yet: the next one goes by the links.
-            assert disk.verifies or disk.flags == 1, f"the old chain is lost: {disk.verdict}"
-        else:
-            assert disk.whole, f"the chain is not whole, or not the map file's: {disk.verdict}"
-        if building or disk.flags == 3 and not after_boot:
-            assert building or disk.flags == 3 and disk.verifies
-            return None
-        assert disk.flags in ((None, 1) if self.scenario.wrap and not after_boot else (1,)), disk.flags
-        found = {path: len(data) for path, (_, data) in disk.files.items()}
-        assert holds_dump(disk, self.scenario.dump), f"the flag is gone, the files are not: {found}"
-        modes = {mode for mode, _ in newest_dump(disk).values()}
-        assert modes <= {0o600, 0o777}, f"modes {modes}"  # as created, and as granted
-        return CLOSED_FILES if 0o600 in modes else None
+def judge_anchor(recording, blocks):
+    """What the boot side would find: no anchor at all, or one that leads through a whole chain."""
+    scenario, anchor, old = recording.scenario, anchor_of(blocks), anchor_of(recording.start)
+    if not any(anchor):
+        assert scenario.dump is None or scenario.wrap, "the anchor is gone"
+    elif anchor != old or not scenario.wrap or anchor[5] == 3:
+        assert chain_of(blocks)[1], f"an anchor without its chain: {anchor}"
+    # Else the map is not the chain's any more, and the guard was not there yet.
 
-    def boot_again(self, blocks, limit):
-        """Has the service run on a disk that a cut left, and examines what it makes of it."""
-        with device_of(self.folder, blocks) as folder:
-            boot(folder, "--wrap", self.scenario.wrap, "--", *self.scenario.arguments)
-            after = self.examine(load_blocks(f"{folder}/disk.img"), after_boot=True)
-            assert after in (None, limit), f"after the next boot: {after}"
+
+def start_again(recording, blocks):
+    """Has the service run on a disk that a cut left. Returns the known limit that shows, or None."""
+    scenario = recording.scenario
+    with device_of(recording.folder, blocks) as folder:
+        phone = start(folder, "--wrap", scenario.wrap, "--", *scenario.arguments)
+    assert phone.whole, "the chain is not whole, or not the map file's"
+    if scenario.dump is None:
+        return None
+    assert phone.flags == 1, f"flags {phone.flags}"
+    sizes = {name: len(content) for name, content in phone.dump.items()}
+    assert phone.dump == dump_files(scenario.dump), f"the flag is gone, the files are not: {sizes}"
+    if anchor_of(blocks)[5] != 3 and phone.modes == {"600"}:
+        return CLOSED_FILES  # as created
+    assert phone.modes == {"777"}, f"modes {phone.modes}"
+    return None
 
 
 def choose(cuts, most, rng):
@@ -174,27 +134,30 @@ def cut_device(fs, busy, options, folder):
     helper = compile_for_device(f"{REPO}/tests/device/move_blocks.c", f"{folder}/move_blocks")
     lines = []
     for n, scenario in enumerate(SCENARIOS):
-        recording = Recording(fs, scenario, folder, busy, helper)
-        limits = collections.Counter()
+        recording = record(scenario, folder, busy, helper)
         name = f"{fs}, {'busy' if busy else 'quiet'}, {scenario.name}"
         rng = random.Random(f"{options.seed} {name}")
         cuts = choose(list(all_cuts(recording.entries, rng, options.torn, options.dropped)),
                       options.states, rng)
+        # So that the first one with a new anchor has little else.
+        cuts.sort(key=lambda cut: (cut.durable, len(cut.kept)))
         share = options.boots * (n + 1) // len(SCENARIOS) - options.boots * n // len(SCENARIOS)
-        booted = choose(cuts, share, rng)
-        for cut, blocks in recording.states(cuts):
+        drawn, anchors = choose(cuts, share, rng), {anchor_of(recording.start)}
+        booted, limits = 0, collections.Counter()
+        for cut in cuts:
+            blocks = disk_after(recording, cut)
             try:
-                limit = recording.examine(blocks)
-                limits.update([limit] if limit else [])
-                if cut in booted:
-                    recording.boot_again(blocks, limit)
+                judge_anchor(recording, blocks)
+                if cut in drawn or anchor_of(blocks) not in anchors:
+                    booted += 1
+                    limits.update(filter(None, [start_again(recording, blocks)]))
             except AssertionError as error:
-                save_blocks(f"{folder}/finding.img", blocks, range(DATA[-1] + 1))
+                save_blocks(f"{folder}/finding.img", blocks)
                 raise AssertionError(f"{name}, seed {options.seed}, {cut}:\n{error}\nThe disk: "
                                      f"{folder}/finding.img; the log: {folder}/writes") from None
+            anchors.add(anchor_of(blocks))
         lines.append(f"{name}: {len(recording.entries)} log entries, {len(cuts)} states, "
-                     f"{len(booted)} booted, {recording.mounted} mounted, known limits: "
-                     f"{dict(limits)}")
+                     f"{booted} booted, known limits: {dict(limits)}")
     return lines
 
 
@@ -203,23 +166,27 @@ def cut_devices(options):
     folder = tempfile.mkdtemp(dir="/dev/shm", prefix="power-cuts-")
     with concurrent.futures.ProcessPoolExecutor(2) as pool:
         jobs = [pool.submit(cut_device, fs, busy, options, f"{folder}/{fs}-{busy:d}")
-                for busy, fs in itertools.product(options.busy, ("ext4", "f2fs"))]
+                for busy, fs in itertools.product((False, True), ("ext4", "f2fs"))]
         for job in concurrent.futures.as_completed(jobs):
             yield from job.result()
     shutil.rmtree(folder)
 
 
-def main():
+def parse(words):
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--boots", type=int, default=32, help="for each device (there are 4)")
+    parser.add_argument("--boots", type=int, default=32,
+                        help="for each device (there are 4), beside those of a new anchor")
     parser.add_argument("--states", type=int, default=sys.maxsize,
                         help="of each run (there are 24), at most")
     parser.add_argument("--torn", type=int, default=BLOCK, help="places in each write, at most")
     parser.add_argument("--dropped", type=int, default=128, help="subsets of writes since a flush")
-    parser.set_defaults(busy=(False, True))
+    return parser.parse_args(words)
+
+
+def main():
     try:
-        for line in cut_devices(parser.parse_args()):
+        for line in cut_devices(parse(sys.argv[1:])):
             print(line, flush=True)
     except AssertionError as error:
         sys.exit(f"FAILED: {error}")
