@@ -1,4 +1,4 @@
-"""Devices on which the tool has run once, one for each file system."""
+"""Devices on which the tool has run once, one for each file system, and the runs of a module."""
 
 import sys
 from pathlib import Path
@@ -8,7 +8,7 @@ import pytest
 sys.path.append(str(Path(__file__).parents[1] / "emulator"))
 pytest.register_assert_rewrite("phone")  # its checks show what differs
 from emulated import MAP, device, run
-from phone import MAP_SIZE, TRACED, Step, boot, chain_of
+from phone import MAP_SIZE, TRACED, Step, chain_of, start
 
 # Leaves 26 MB free, in pieces of 64 blocks. (Of these, ext4 keeps most for root: free, but not
 # available.)
@@ -19,29 +19,54 @@ for i in $(seq 100 299); do fallocate -l 262144 /data/piece$i; done
 rm /data/piece*[02468]
 sync
 """
+FIRST_STEPS = {
+    "build": Step(f"""[ ! -e /sys/fs/ext4/vda5 ] || {{ {FRAGMENT} }}
+        {TRACED}
+        tarnix -s -c {MAP_SIZE} {MAP}
+        rm -f /data/filler
+        echo 3 >/proc/sys/vm/drop_caches
+        cp {MAP} $results/map"""),
+    "find": Step(f"tarnix -s {MAP}"),
+    "walk": Step(f"{TRACED}tarnix -t {MAP}"),
+    "copy": Step(f"{TRACED}tarnix -r $results/raw {MAP}"),
+}
 
 
 @pytest.fixture(scope="session", params=[
     pytest.param(fs, marks=pytest.mark.xdist_group(fs)) for fs in ("ext4", "f2fs")])
 def first_boot(request, tmp_path_factory):
-    """The phone, which is not to be booted again, its chain, and its runs."""
+    """The phone, which is not to be booted again, its chain, and its runs by their names."""
     phone = tmp_path_factory.mktemp("first") / "phone"
     device("make", phone, "--size", "400M", "--fs", request.param)
-    runs = boot(phone, [
-        Step((FRAGMENT if request.param == "ext4" else "") + f"""{TRACED}
-             tarnix -s -c {MAP_SIZE} {MAP}
-             rm -f /data/filler
-             echo 3 >/proc/sys/vm/drop_caches
-             stat -c %a {MAP}
-             cp {MAP} $results/map"""),
-        Step(f"tarnix -i 1FFFFFFFF -s {MAP}"),
-        Step(f"{TRACED}seed= tarnix -t {MAP}"),
-        Step(f"{TRACED}tarnix -r $results/raw {MAP}")])
+    runs = dict(zip(FIRST_STEPS, start(phone, FIRST_STEPS.values()), strict=True))
     return phone, chain_of(phone), runs
+
+
+def copied(first_boot, folder):
+    run("cp", "-r", "--sparse=always", "--reflink=auto", first_boot[0], folder / "phone")
+    return folder / "phone", first_boot[1]
 
 
 @pytest.fixture
 def prepared(first_boot, tmp_path):
     """A phone of one's own with a map and its chain, and the chain's blocks."""
-    run("cp", "-r", "--sparse=always", "--reflink=auto", first_boot[0], tmp_path / "phone")
-    return tmp_path / "phone", first_boot[1]
+    return copied(first_boot, tmp_path)
+
+
+@pytest.fixture(scope="module")
+def phone_and_chain(first_boot, tmp_path_factory):
+    """The same for a module."""
+    return copied(first_boot, tmp_path_factory.mktemp("module"))
+
+
+@pytest.fixture(scope="module")
+def runs(request, phone_and_chain):
+    """The step and the run by name, of all that the module's steps() gives: one boot."""
+    phone, chain = phone_and_chain
+    steps = request.module.steps(chain)
+    return dict(zip(steps, zip(steps.values(), start(phone, steps.values())), strict=True))
+
+
+def pytest_generate_tests(metafunc):
+    if "name" in metafunc.fixturenames:
+        metafunc.parametrize("name", metafunc.module.steps([*range(1000)]))  # any chain's names

@@ -1,74 +1,120 @@
 """The emulated device in the hands of a test: runs of the tool, and what they left.
 
-A boot takes seconds and a run a tenth of one, so a test gives a table of runs for one boot."""
+A boot takes seconds and a run a tenth of one, so one boot has the runs of many tests."""
 
 import collections
 import json
 import re
 import shlex
 import struct
-from itertools import groupby
 
-from chain_image import ANCHOR_MAGIC, ANCHOR_OFFSET, headers
-from emulated import (BLOCK, DATA_START, EMULATOR_FAILED, MISC_START, SYSROOT, device, read_disk,
-                      walk)
+from chain_image import ANCHOR_OFFSET, SEED
+from emulated import BLOCK, DATA_START, MISC_START, SYSROOT, device, read_disk, walk
 
 MISC, DATA = "/dev/vda1", "/dev/vda5"
 NODES = "/dev/block/bootdevice/by-name/"
-SEED = 0x12345678
+APQ = "/data/vendor/ramdump/apq"
 MAP_SIZE = (3 << 20) + 70000  # neither whole chunks of the fill nor whole blocks
 RSS_LIMIT_KIB = 8192
 
-# A step's script, its second argument, calls `tarnix` once, whose words go behind $way and the
-# seed. What its other words print goes to $results/shell; when one of them fails, that is no status
-# of the tool's. $results is the run's folder of /host.
-WRAPPER = """
-results=/host/$1 tool=$0
-exec 5>&1 6>&2 >$results/shell 2>&1
-tarnix() { status=0; $way $tool ${seed--i 12345678} "$@" >&5 2>&6 || status=$?; }
-setprop() { (umask 022; printf %s "$2" >/dev/__properties__/$1); }
-getprop() { cat /dev/__properties__/$1 2>/dev/null || :; }
-as_user() {
+# What runs in the tool's place: $0 is the tool, $1 the run's number, $2 the step's script, that
+# calls tarnix once. $way are words before the tool; $seed, which may be empty, words behind it.
+# $results is the run's folder of /host.
+WRAPPER = f"""
+results=/host/$1
+tarnix() {{
+    status=0
+    $way $0 ${{seed--i {SEED:x}}} "$@" 2>$results/said || status=$?
+    echo $status >$results/ended
+}}
+setprop() {{ (umask 022; printf %s "$2" >/dev/__properties__/$1); }}
+getprop() {{ cat /dev/__properties__/$1 2>/dev/null || :; }}
+as_user() {{
     echo u$1:x:$1:$1::/:/bin/sh >>/etc/passwd
     su -s /bin/sh -c 'shift; "$@"' -- u$1 sh "$@"
-}
-trap 'exit ${ended:-97}' EXIT
+}}
 eval "$2"
-ended=$status
 """
 TRACED = 'way="strace -y -o $results/trace"\n'
-# log: as tool_log() gives it.
-Step = collections.namedtuple("Step", "script status log", defaults=(0, None))
-# text: the log as it came; shell: what the script printed; folder: $results.
-Run = collections.namedtuple("Run", "log text shell properties folder")
+# says: what the log holds, in this order; the last one ends it.
+Step = collections.namedtuple("Step", "script status says", defaults=(0, ()))
+# text: what the tool said; shell: what the script's other words did; folder: $results.
+Run = collections.namedtuple("Run", "status rss_kib text shell properties folder")
+
+
+def start(phone, steps, *options):
+    """One boot with a run for each step, which check() judges."""
+    device("boot", phone, "--wrap", shlex.join(["sh", "-ec", WRAPPER]), "--timeout", 300,
+           "--file", f"/bin/strace={SYSROOT}/usr/bin/strace", *options,
+           *(f"--run={n} {shlex.quote(step.script)}" for n, step in enumerate(steps, 1)))
+    runs = []
+    for n, result in enumerate(json.loads((phone / "result.json").read_bytes())["runs"], 1):
+        folder = phone / f"boot/{n}"
+        text, shell = ((folder / name).read_text("latin-1") for name in ("said", "stdout"))
+        runs.append(Run(int((folder / "ended").read_text()), result["rss_kib"], text, shell,
+                        result["properties"], folder))
+    return runs
+
+
+def check(step, run):
+    print(f"--- {step.script}\n{run.shell}--- status {run.status}\n{run.text}")
+    log = tool_log(run.text)
+    lines = iter(log)
+    assert run.status == step.status
+    assert run.rss_kib < RSS_LIMIT_KIB
+    assert not [line for line in step.says if line not in lines]
+    assert not step.says or log[-1] == step.says[-1]
+
+
+def boot(phone, steps, *options):
+    """As start(), and judges each run."""
+    runs = start(phone, steps, *options)
+    for step, run in zip(steps, runs, strict=True):
+        check(step, run)
+    return runs
 
 
 def tool_log(text):
-    """The log's messages as "PRIORITY TEXT". A message without its line end ends in a backslash."""
-    text = re.sub(r"^/vendor/bin/tarnix: .*\n", "", text, flags=re.M)  # getopt's own words
-    # Of the usage, the first of its eleven lines.
-    text = re.sub(r"(<block file>\n)(?:\n*tarnix_v3 I .*\n){10}", r"\1", text)
+    """The tool's messages as "PRIORITY TEXT", without what depends on the file system."""
     text = re.sub(r"((?:avail|available_|total_) ?space: )\d+", r"\1N", text)
-    lines = []
-    parts = re.split(r"^(\S+) ([A-Z]) \d\d-\d\d \d\d:\d\d:\d\d +\d+ +\d+ ", text, flags=re.M)
-    for tag, priority, message in zip(parts[1::3], parts[2::3], parts[3::3]):
-        if tag == "tarnix":  # libbase's, with its place in the source
-            message = re.sub(r"^\S+:\d+\] ", "", message) + "\n"
-        message = message[:-2] if message.endswith("\n\n") else message[:-1] + "\\"
-        lines.append(f"{priority} {message}")
-    return lines
+    # libbase's messages have their place in the source.
+    line = r"^tarnix(?:_v3)? ([A-Z]) [-\d]+ [:\d]+ +\d+ +\d+ (?:\S+:\d+\] )?(.*)$"
+    return [" ".join(words) for words in re.findall(line, text, re.M)]
 
 
-def unordered(lines):
-    """The lines with each stretch that follows the order of a directory sorted."""
-    stretches = groupby(lines, lambda line: " for /data/vendor/ramdump/apq/" in line)
-    return [line for sort, stretch in stretches for line in (sorted(stretch) if sort else stretch)]
+def traced(run):
+    return (run.folder / "trace").read_text("latin-1")
+
+
+def writes(run):
+    """(node, offset, size) of what a traced run wrote to the disk. No other call may change it."""
+    offsets, found = collections.Counter(), []
+    calls = r"^(\w+)\(\d+<(/dev/vda\d)>.* = (\d+)"
+    for call, node, result in re.findall(calls, traced(run), re.M):
+        if call == "write":
+            found.append((node, offsets[node], int(result)))
+        if call in ("read", "write"):
+            offsets[node] += int(result)
+        elif call in ("lseek", "close"):
+            offsets[node] = int(result)
+        else:
+            assert call in ("fadvise64", "fstat", "fstatfs", "fsync", "newfstatat"), call
+    return found
+
+
+def opened(run):
+    """path -> flags, and the mode of a new file, of what a traced run opened."""
+    return dict(re.findall(r'^openat\(AT_FDCWD[^,]*, "(.*)", (.*)\) = \d', traced(run), re.M))
 
 
 def poke(node, offset, data):
     """Shell words that write bytes into a partition of the device."""
     text = "".join(f"\\{byte:03o}" for byte in data)
     return f"printf '{text}' | dd of={node} bs=1 seek={offset} conv=notrunc,fsync 2>/dev/null\n"
+
+
+def pending(flags=3):
+    return poke(MISC, ANCHOR_OFFSET + 20, bytes((flags, 0, 0, 0)))
 
 
 def is_untouched(phone):
@@ -90,88 +136,11 @@ def chain_of(phone):
     return chain
 
 
-def boot(phone, steps, *options):
-    """One boot with all the runs. Checks each one's status, memory and log."""
-    # The status is the first run's that is not 0; the runs are judged one by one.
-    device("boot", phone, "--wrap", shlex.join(["sh", "-ec", WRAPPER]),
-           "--file", f"/bin/strace={SYSROOT}/usr/bin/strace", "--timeout", 300, *options,
-           *(f"--run={n} {shlex.quote(step.script)}" for n, step in enumerate(steps, 1)),
-           accept=set(range(256)) - {EMULATOR_FAILED})
-    results = json.loads((phone / "result.json").read_bytes())["runs"]
-    return [judge(step, result, phone / f"boot/{n}")
-            for n, (step, result) in enumerate(zip(steps, results, strict=True), 1)]
-
-
-def judge(step, result, folder):
-    text, shell = ((folder / name).read_text("latin-1") for name in ("log", "shell"))
-    print(f"--- {step.script}\n{shell}--- status {result['status']}\n{text}")
-    log = tool_log(text)
-    assert result["status"] == step.status
-    assert result["rss_kib"] < RSS_LIMIT_KIB
-    assert step.log is None or unordered(log) == unordered(step.log)
-    return Run(log, text, shell, result["properties"], folder)
-
-
-# The log's lines, by the steps of a run.
-START = ["I tarnix_v3 start!!", "I security off, continue tarnix jobs"]
-SPACE = "E get_directory_available_space: available_space: N"
-
-
-def found_device(seed=SEED, node="userdata", encryptable="yes"):
+def found_device(node="userdata", encryptable="yes", seed=f"{SEED:08x}"):
     return [f"I   block dev: {NODES}{node}", f"I encryptable: {encryptable}", "I   encrypted: no",
-            f"I initial CRC: {seed:08x}"]
+            f"I initial CRC: {seed}", f"I initializing block chain (i={seed})"]
 
 
-def plain(seed=SEED, **found):
-    """What follows when nothing is to be done."""
-    return [*found_device(seed, **found), f"I initializing block chain (i={seed:08x})", "I Success"]
-
-
-def refused(path, magic):
-    """The start of a run that cannot make its map file."""
-    return [*START, f"E no valid map file is found (magic: {magic:#x}): {path}, start create",
-            SPACE]
-
-
-def created(path, size, magic):
-    chunks = size // 65536
-    return [*refused(path, magic), f"I Creating reserved area {size} bytes",
-            *(f"I {i}/{chunks}" for i in range(0, chunks, 256)), f"I {chunks}/{chunks}",
-            "E start to clear init header!!", "E clear init header ok!!"]
-
-
-def anchor_fields(*values):
-    names = "magic first_block block_length n_blocks crc32 flags".split()
-    # C prints 0 without the 0x of the other values.
-    return [f"I initial_block_header.{name:12} = {value:#x}".replace(" 0x0", " 0")
-            for name, value in zip(names, values, strict=True)]
-
-
-def first_header(blocks):
-    magic, following, crc = struct.unpack("<III", headers(blocks, SEED)[0])
-    return (f"I first block_header = {{magic={magic:#x}, next_block={following:#x}, "
-            f"crc32={crc:#x}}}")
-
-
-def chain_start(size):
-    """What a run says of its map file before it opens the device."""
-    return [*plain()[:-1], "I start to raw_write_blocks", f"I  block size: {BLOCK} bytes",
-            f"I  file size: {size} bytes, {size // BLOCK} full blocks available"]
-
-
-def built(path, size, blocks, magic=0):
-    """A whole first run."""
-    count = len(blocks)
-    return [*created(path, size, magic), *chain_start(size),
-            f"I Opened {NODES}userdata for writing", first_header(blocks) + "\\",
-            *(f"I {i}/{count}" for i in range(8192, count, 8192)), f"I {count}/{count}",
-            f"I block device: {NODES}userdata",
-            *anchor_fields(ANCHOR_MAGIC, blocks[0], BLOCK, count, SEED, 1), "I Success"]
-
-
-def walked(blocks, *end, start=START, seed=SEED):
-    """A run of -t. end: what it says once it has the first header; seed: the run's own."""
-    return [*start, *found_device(seed),
-            *anchor_fields(ANCHOR_MAGIC, blocks[0], BLOCK, len(blocks), SEED, 1),
-            f"I  block size: {BLOCK} bytes", f"I Opened {NODES}userdata for reading",
-            first_header(blocks), *end]
+def plain(**found):
+    """What ends a run that has nothing to do."""
+    return [*found_device(**found), "I Success"]

@@ -1,115 +1,118 @@
 """A dump becomes files: whole, cut short, damaged, and one after the other."""
 
+import collections
 import random
 
+import pytest
 from chain_image import ANCHOR_OFFSET
+from conftest import copied
 from emulated import BLOCK, MAP, crash
-from phone import (DATA, MAP_SIZE, MISC, NODES, SPACE, START, TRACED, Step, boot, chain_of,
-                   is_untouched, plain, poke)
-from test_map import writes
+from phone import (APQ, DATA, MAP_SIZE, MISC, NODES, TRACED, Step, chain_of, check, is_untouched,
+                   opened, pending, poke, writes)
 
-APQ = "/data/vendor/ramdump/apq"
 NAMED = "/data/map"  # exists, and that is all: the dump is always in MAP
 PAYLOAD = BLOCK - 12
 SIZES = {"cpu_context.bin": 3 * PAYLOAD - 40 - 39,  # leaves no room for a header
          "pmic.bin": 2 * PAYLOAD - 40 - 41,  # leaves room for a header and a byte
          "ocimem.bin": 1 + 63 * PAYLOAD - 40,  # that byte; leaves just enough for a header
-         "ddr_cs0.bin": 600 * PAYLOAD + 17,
+         "ddr_cs0.bin": 600 * PAYLOAD + 17,  # its data begin in block 68
          # The rest of the chain, to its last byte.
          "a_name_of_19_letter": (MAP_SIZE // BLOCK - 668) * PAYLOAD - 17 - 40}
-RUN = f"""
-    tarnix -s {NAMED}
-    cd {APQ}
-    find * -exec stat -c %a {{}} + | sort -u >$results/modes
-    cp -r . $results/files
-    dd if={MISC} bs=1 skip={ANCHOR_OFFSET + 20} count=1 2>/dev/null >$results/flags
-    stat -f -c %b ."""
+DUMP = {name: random.Random(name).randbytes(size) for name, size in SIZES.items()}
+LOOK = f"""
+cp -r {APQ} $results/files
+find {APQ} -mindepth 1 -exec stat -c %a {{}} + | sort -u >$results/modes
+dd if={MISC} bs=1 skip={ANCHOR_OFFSET + 20} count=1 2>/dev/null >$results/flags
+stat -f -c %b /data
+"""
+
+# flags: the anchor's, before. damage: (position in the chain, offset) -> bytes. found: the files
+# that the log names, of these sizes. says: what it says then. left: the files afterwards.
+Row = collections.namedtuple("Row", "flags damage found says left prepare status",
+                             defaults=("", 0))
+BAD_MAGIC = "I * bad magic, got 656e6f67, expecting "
+NO_SPACE = (f"E Not enough space available to create ramdump file: {MAP}, avail space: N, "
+            "requested size: 268435455")
 
 
-def pending(flags=3):
-    return poke(MISC, ANCHOR_OFFSET + 20, bytes((flags, 0, 0, 0)))
+def first(count, files):
+    return dict([*files.items()][:count])
 
 
-def begun(number, flags=3, removed=None):
-    """The log up to directory `number`, after `removed`, the files of the one before."""
+# Each takes the files of the one before away.
+ROWS = {
+    "whole": Row(3, {}, SIZES, [], DUMP, prepare=f"touch {NAMED}\n{TRACED}"),
+    "a block has moved": Row(
+        7, {(70, 0): b"gone"}, first(4, SIZES), [BAD_MAGIC + "6e684342"],
+        {**first(3, DUMP), "ddr_cs0.bin": DUMP["ddr_cs0.bin"][:2 * PAYLOAD]}),
+    "the second file's header is lost": Row(
+        2, {(70, 0): b"BChn", (3, 12): b"gone"}, first(1, SIZES),
+        [f"E Found file 'pmic.bin', size {SIZES['pmic.bin']}", BAD_MAGIC + "654c3146"],
+        first(1, DUMP)),
+    "an empty file": Row(3, {(0, 12): b"F1Leempty" + bytes(31)}, {"empty": 0},
+                         ["I Could not write 0 bytes"], {"empty": b""}),
+    "no such directory": Row(
+        3, {(0, 12): b"F1Leno/such"}, {"no/such": 0},
+        [f"I Could not open file '{APQ}/04/no/such' for writing"], {}),
+    "no space": Row(
+        3, {}, {}, [NO_SPACE, "E main: parsing error"], {}, status=255,
+        prepare="fallocate -l $(( $(stat -f -c %a /data) * 4096 - 200000000 )) /data/f\n"),
+    "no place": Row(
+        3, {}, {}, [f"E get_directory_total_space: Could not statvfs {APQ}/: Not a directory",
+                    "I scandir failed: Not a directory", "E main: config_ramdump_path error"],
+        {}, f"rm -r /data/f {APQ}\ntouch {APQ}\n", 255),
+}
+
+
+def says(number, row):
     new, old = f"{APQ}/{number:02}", f"{APQ}/{number - 1:02}"
-    log = [*START, f"E valid map file exists: {NAMED}", *plain()[:-1],
-           f"E main start parsing ramdump (flag = {flags:#x})",
-           "E get_directory_total_space: total_space: N", f"E path: {new}/",
-           f"E permission_path: {new}/", *opened_up(new, [])]
-    if removed is not None:
-        log += [f"I _remove: path: {old}.", *(f"I _remove: remove for {old}/{name}."
-                                              for name in removed)]
-    return [*log, f"I Opened {NODES}userdata for reading", SPACE]
+    begun = ["E get_directory_total_space: total_space: N", f"E path: {new}/",
+             f"E permission_path: {new}/", f"I _chmod: path: {new}.",
+             f"I _chmod: chmod for {new}/..", *[f"I _remove: path: {old}."] * (number > 0),
+             f"I Opened {NODES}userdata for reading"]
+    found = [line for name, size in row.found.items() for line in (
+        f"E Found file '{name}', size {size}", f"E full path: {new}/{name}")]
+    ended = [f"E main: grant permission to ramdump files: {new}/, {NAMED}",
+             *(f"I _chmod: chmod for {new}/{name}." for name in first(1, row.left)),
+             "E main: grant permission to ramdump files finished", "I Success"]
+    start = f"E main start parsing ramdump (flag = {row.flags:#x})"
+    return [start, *row.says] if row.status else [start, *begun, *found, *row.says, *ended]
 
 
-def opened_up(folder, names):
-    return [f"I _chmod: path: {folder}.", *(f"I _chmod: chmod for {folder}/{name}."
-                                            for name in (".", "..", *names))]
+def steps(chain):
+    result = {}
+    for number, (name, row) in enumerate(ROWS.items()):
+        damage = [poke(DATA, chain[position] * BLOCK + offset, data)
+                  for (position, offset), data in row.damage.items()]
+        script = "".join([*damage, pending(row.flags), row.prepare, f"tarnix -s {NAMED}", LOOK])
+        result[name] = Step(script, row.status, says(number, row))
+    return result
 
 
-def found(number, sizes):
-    return [line for name, size in sizes.items() for line in (
-        f"E Found file '{name}', size {size}", f"E full path: {APQ}/{number:02}/{name}")]
+@pytest.fixture(scope="module")
+def phone_and_chain(first_boot, tmp_path_factory):
+    phone, chain = copied(first_boot, tmp_path_factory.mktemp("dump"))
+    crash(phone, DUMP)
+    return phone, chain
 
 
-def ended(number, names):
-    folder = f"{APQ}/{number:02}"
-    return [f"E main: grant permission to ramdump files: {folder}/, {NAMED}",
-            *opened_up(folder, names), "E main: grant permission to ramdump files finished",
-            "I Success"]
+def test_extraction(runs, name):
+    step, run = runs[name]
+    check(step, run)
+    folder, number = run.folder / "files", [*ROWS].index(name)
+    assert {str(path.relative_to(folder)): path.read_bytes() for path in folder.rglob("*")
+            if path.is_file()} == {f"{number:02}/{file}": content
+                                   for file, content in ROWS[name].left.items()}
+    assert (run.folder / "modes").read_text() in ("777\n", "")
+    state = (run.folder / "flags").read_bytes(), run.properties["debug.qor.tarnix"]
+    assert state == ((b"\1", "done") if step.status == 0 else (b"\3", "running"))
 
 
-def left(run):
-    """What a run left: flags, progress, modes, path -> bytes."""
-    flags, modes = ((run.folder / name).read_bytes() for name in ("flags", "modes"))
-    files = run.folder / "files"
-    return flags[0], run.properties["debug.qor.tarnix"], modes, {
-        str(path.relative_to(files)): path.read_bytes()
-        for path in files.rglob("*") if path.is_file()}
-
-
-def test_extraction(prepared):
-    phone, chain = prepared
-    dump = {name: random.Random(name).randbytes(size) for name, size in SIZES.items()}
-    crash(phone, dump)
-    cut = 70  # a block within the fourth file, whose data begin in block 68
-    cut_short = dict([*dump.items()][:3], **{"ddr_cs0.bin": dump["ddr_cs0.bin"][:2 * PAYLOAD]})
-    bad = "I * bad magic, got 656e6f67, expecting {}".format
-    rows = [  # what is done before, the flags, the files found, what ends the dump, what is left
-        (f"{TRACED}touch {NAMED}", 3, SIZES, [], dump),
-        # The file system moved a block.
-        (pending(7) + poke(DATA, chain[cut] * BLOCK, b"gone"), 7, dict([*SIZES.items()][:4]),
-         [bad("6e684342")], cut_short),
-        # The second file's header.
-        (pending(2) + poke(DATA, chain[cut] * BLOCK, b"BChn")
-         + poke(DATA, chain[3] * BLOCK + 12, b"gone"), 2, dict([*SIZES.items()][:1]),
-         [found(2, SIZES)[2], bad("654c3146")], dict([*dump.items()][:1])),
-        (pending() + poke(DATA, chain[0] * BLOCK + 12, b"F1Leempty" + bytes(31)), 3, {"empty": 0},
-         ["I Could not write 0 bytes\\"], {"empty": b""}),
-        (pending() + poke(DATA, chain[0] * BLOCK + 12, b"F1Leno/such"), 3, {"no/such": 0},
-         [f"I Could not open file '{APQ}/04/no/such' for writing"], {}),
-    ]
-    steps, removed = [], None
-    for number, (before, flags, sizes, end, files) in enumerate(rows):
-        steps.append(Step(before + RUN, 0, [*begun(number, flags, removed), *found(number, sizes),
-                                            *end, *ended(number, files)]))
-        removed = files
-    steps += [
-        Step(pending() + "fallocate -l $(( $(stat -f -c %a /data) * 4096 - 200000000 )) /data/f"
-             + RUN, 255, [*begun(5, 3, []), f"E Not enough space available to create ramdump file: "
-                          f"{MAP}, avail space: N, requested size: 268435455",
-                          "E main: parsing error"]),
-        Step(f"rm -r /data/f {APQ}\ntouch {APQ}\ntarnix -s {NAMED}", 255, [
-            *begun(0)[:9], f"E get_directory_total_space: Could not statvfs {APQ}/: "
-            "Not a directory", "E get_directory_total_space: total_space: N",
-            "I scandir failed: Not a directory", "E main: config_ramdump_path error"])]
-    runs = boot(phone, steps)
-    for number, (run, row) in enumerate(zip(runs, rows)):
-        files = {f"{number:02}/{name}": content for name, content in row[-1].items()}
-        assert left(run) == (1, "done", b"777\n", files)
-    assert left(runs[5]) == (3, "running", b"777\n", {})
-    assert runs[6].properties["debug.qor.tarnix"] == "running"
-    assert f"total_space: {int(runs[0].shell) * BLOCK}\n" in runs[0].text
-    assert writes(runs[0]) == [(MISC, ANCHOR_OFFSET, 24)]
+def test_calls_and_numbers(phone_and_chain, runs):
+    phone, chain = phone_and_chain
+    _, run = runs["whole"]
+    assert writes(run) == [(MISC, ANCHOR_OFFSET, 24)]
+    assert opened(run)[f"{NODES}userdata"] == "O_RDONLY|O_SYNC"
+    assert f"total_space: {int(run.shell) * BLOCK}\n" in run.text
+    assert f"_remove: remove for {APQ}/00/pmic.bin.\n" in runs["a block has moved"][1].text
     assert is_untouched(phone) and chain_of(phone) == chain

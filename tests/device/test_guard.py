@@ -8,8 +8,8 @@ from pathlib import Path
 import pytest
 from chain_image import ANCHOR_MAGIC, ANCHOR_OFFSET
 from emulated import BLOCK, MAP, compile_for_device, crash
-from phone import DATA, MAP_SIZE, MISC, NODES, Step, anchor_of, boot, chain_of, is_untouched, poke
-from test_dump import APQ, pending
+from phone import (APQ, DATA, MAP_SIZE, MISC, NODES, Step, anchor_of, boot, chain_of, is_untouched,
+                   pending, poke)
 
 PAYLOAD = BLOCK - 12
 DUMP = {name: random.Random(name).randbytes(size)

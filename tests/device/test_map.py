@@ -1,62 +1,83 @@
 """The map's life without a crash: made, found, verified, copied out."""
 
-import re
+import struct
 
-from chain_image import ANCHOR_MAGIC, ANCHOR_OFFSET, headers
+import pytest
+from chain_image import ANCHOR_MAGIC, ANCHOR_OFFSET, SEED, headers
+from conftest import FIRST_STEPS
 from emulated import BLOCK, DATA_START, MAP, read_disk
-from phone import (DATA, MAP_SIZE, MISC, NODES, SEED, START, anchor_of, built, is_untouched, plain,
-                   walked)
+from phone import (DATA, MAP_SIZE, MISC, NODES, anchor_of, check, found_device, is_untouched,
+                   opened, tool_log, writes)
+
+COUNT, CHUNKS = MAP_SIZE // BLOCK, MAP_SIZE // 65536
+USERDATA = f"{NODES}userdata"
+START = ["I tarnix_v3 start!!", "I security off, continue tarnix jobs"]
 
 
-def writes(run):
-    """(node, offset, size) of what a traced run wrote to the disk."""
-    offsets, result = {}, []
-    for line in (run.folder / "trace").read_text("latin-1").splitlines():
-        node = re.search(r"<(/dev/vda\d)>", line)
-        if not node:
-            continue
-        node, call = node[1], line.split("(")[0]
-        value = int(re.match(r"\d+", line.rpartition(" = ")[2])[0])
-        if call == "write":
-            result.append((node, offsets[node], value))
-        if call in ("read", "write"):
-            offsets[node] += value
-        elif call in ("lseek", "openat"):
-            offsets[node] = value if call == "lseek" else 0
-        else:
-            assert call in ("close", "fadvise64", "fstat", "fstatfs", "fsync", "newfstatat"), line
-    return result
+def logs(chain):
+    """What each run must have said."""
+    _, following, crc = struct.unpack("<III", headers(chain, SEED)[0])
+    first = f"I first block_header = {{magic=0x6e684342, next_block={following:#x}, crc32={crc:#x}}}"
+    anchor = ["I initial_block_header.magic        = 0x72644842",
+              f"I initial_block_header.first_block  = {chain[0]:#x}",
+              "I initial_block_header.block_length = 0x1000",
+              f"I initial_block_header.n_blocks     = {COUNT:#x}",
+              f"I initial_block_header.crc32        = {SEED:#x}",
+              "I initial_block_header.flags        = 0x1"]
+    return {
+        "build": [
+            *START, f"E no valid map file is found (magic: 0x0): {MAP}, start create",
+            "E get_directory_available_space: available_space: N",
+            f"I Creating reserved area {MAP_SIZE} bytes", f"I 0/{CHUNKS}", f"I {CHUNKS}/{CHUNKS}",
+            "E start to clear init header!!", "E clear init header ok!!", *found_device(),
+            "I start to raw_write_blocks", f"I  block size: {BLOCK} bytes",
+            f"I  file size: {MAP_SIZE} bytes, {COUNT} full blocks available",
+            f"I Opened {USERDATA} for writing", first, f"I {COUNT}/{COUNT}",
+            f"I block device: {USERDATA}", *anchor, "I Success"],
+        "find": [
+            *START, f"E valid map file exists: {MAP}", *found_device(),
+            "E main: No ramdump for reading (flag = 0x1)", "I Success"],
+        "walk": [
+            *START, *found_device()[:-1], *anchor, f"I  block size: {BLOCK} bytes",
+            f"I Opened {USERDATA} for reading", first, f"I Read {COUNT} blocks successfully"],
+        "copy": [
+            *START, *found_device(), f"I Opened {USERDATA} for reading",
+            f"I raw_read_blocks: 1 avail, {COUNT} blocks needed",
+            "I Opened /host/4/raw for writing", "I Success"],
+    }
 
 
-def test_map(first_boot, request):
-    phone, chain, (build, again, walk, copy) = first_boot
-    pieces = sum(b != a + 1 for a, b in zip(chain, chain[1:]))
-    assert pieces > 4 or "ext4" not in request.node.name
-    assert build.log == built(MAP, MAP_SIZE, chain)
-    assert again.log == [
-        *START, f"E valid map file exists: {MAP}", *plain(0xffffffff)[:-1],
-        "E main: No ramdump for reading (flag = 0x1)", "I Success"]
-    seed = int(walk.log[5].removeprefix("I initial CRC: "), 16)
-    assert seed != 0  # nobody gave one
-    assert walk.log == walked(chain, f"I Read {len(chain)} blocks successfully", seed=seed)
-    assert copy.log == [
-        *START, *plain()[:-1], f"I Opened {NODES}userdata for reading",
-        f"I raw_read_blocks: 1 avail, {len(chain)} blocks needed",
-        "I Opened /host/4/raw for writing", "I Success"]
-    states = [(run.properties["persist.vendor.tarnix.map"], run.properties.get("debug.qor.tarnix"))
-              for run in (build, again, walk, copy)]
-    assert states == [("valid", None)] * 3 + [("valid", "reversing")]
+@pytest.mark.parametrize("run_name", FIRST_STEPS)
+def test_log_and_state(first_boot, run_name):
+    _, chain, runs = first_boot
+    check(FIRST_STEPS[run_name], runs[run_name])
+    assert tool_log(runs[run_name].text) == logs(chain)[run_name]
+    properties = runs[run_name].properties
+    assert properties["persist.vendor.tarnix.map"] == "valid"
+    assert properties.get("debug.qor.tarnix") == (
+        "reversing" if run_name == "copy" else None)
 
-    assert anchor_of(phone) == (ANCHOR_MAGIC, chain[0], BLOCK, MAP_SIZE // BLOCK, SEED, 1)
+
+def test_the_map_is_a_chain_in_pieces(first_boot, request):
+    phone, chain, runs = first_boot
+    assert anchor_of(phone) == (ANCHOR_MAGIC, chain[0], BLOCK, COUNT, SEED, 1)
     blocks = [header + b"\xff" * (BLOCK - 12) for header in headers(chain, SEED)]
-    # No two headers are the same, so this also holds each block to its place in the file.
-    seen_by_the_file_system = (build.folder / "map").read_bytes()
-    assert seen_by_the_file_system == b"".join(blocks) + b"\xff" * (MAP_SIZE % BLOCK)
     assert [read_disk(phone, DATA_START + at * BLOCK, BLOCK) for at in chain] == blocks
-    assert (copy.folder / "raw").read_bytes() == b"".join(blocks)
-    assert build.shell == "600\n"
-
-    anchor = (MISC, ANCHOR_OFFSET, 24)
-    assert writes(build) == [anchor, *((DATA, block * BLOCK, 12) for block in chain), anchor]
-    assert writes(walk) == writes(copy) == []
+    # No two headers are the same, so this also holds each block to its place in the file.
+    file = (runs["build"].folder / "map").read_bytes()
+    assert file == b"".join(blocks) + b"\xff" * (MAP_SIZE % BLOCK)
+    assert (runs["copy"].folder / "raw").read_bytes() == b"".join(blocks)
     assert is_untouched(phone)
+    pieces = 1 + sum(b != a + 1 for a, b in zip(chain, chain[1:]))
+    assert pieces > 5 or "ext4" not in request.node.name
+
+
+def test_calls(first_boot):
+    _, chain, runs = first_boot
+    anchor = (MISC, ANCHOR_OFFSET, 24)
+    headers_written = [(DATA, block * BLOCK, 12) for block in chain]
+    assert writes(runs["build"]) == [anchor, *headers_written, anchor]
+    assert writes(runs["walk"]) == writes(runs["copy"]) == []
+    assert opened(runs["build"])[USERDATA] == "O_WRONLY"
+    assert opened(runs["walk"])[USERDATA] == opened(runs["copy"])[USERDATA] == "O_RDONLY|O_SYNC"
+    assert opened(runs["copy"])["/host/4/raw"] == "O_WRONLY|O_CREAT|O_TRUNC, 0666"
