@@ -7,8 +7,8 @@ import pytest
 
 sys.path.append(str(Path(__file__).parents[1] / "emulator"))
 pytest.register_assert_rewrite("phone")  # its checks show what differs
-from emulated import MAP, device, run
-from phone import MAP_SIZE, TRACED, Step, chain_of, start
+from emulated import BLOCK, MAP, device, run
+from phone import COUNT, MAP_SIZE, NODES, TRACED, Step, chain_of, found_device, start
 
 # Leaves 26 MB free, in pieces of 64 blocks. (Of these, ext4 keeps most for root: free, but not
 # available.)
@@ -26,9 +26,16 @@ FIRST_STEPS = {
         rm -f /data/filler
         echo 3 >/proc/sys/vm/drop_caches
         cp {MAP} $results/map"""),
-    "find": Step(f"tarnix -s {MAP}"),
-    "walk": Step(f"{TRACED}tarnix -t {MAP}"),
-    "copy": Step(f"{TRACED}tarnix -r $results/raw {MAP}"),
+    "find": Step(f"tarnix -s {MAP}", says=[
+        f"E valid map file exists: {MAP}", *found_device(),
+        "E main: No ramdump for reading (flag = 0x1)", "I Success"]),
+    "walk": Step(f"{TRACED}tarnix -t {MAP}", says=[
+        *found_device()[:-1], f"I  block size: {BLOCK} bytes",
+        f"I Opened {NODES}userdata for reading", f"I Read {COUNT} blocks successfully"]),
+    "copy": Step(f"{TRACED}tarnix -r $results/raw {MAP}", says=[
+        *found_device(), f"I Opened {NODES}userdata for reading",
+        f"I raw_read_blocks: 1 avail, {COUNT} blocks needed",
+        "I Opened /host/4/raw for writing", "I Success"]),
 }
 
 

@@ -15,11 +15,6 @@
 
 enum { block = 4096 };
 
-static int fail(const char *what) {
-    perror(what);
-    return 1;
-}
-
 // ext4's own request, which its defragmenter uses: swaps the blocks of two files, data in place.
 struct move_extent {
     uint32_t reserved;
@@ -34,12 +29,12 @@ struct move_extent {
 static int swap_with_new_file(int file, uint64_t blocks) {
     const int donor = open("/data", O_RDWR | O_TMPFILE, 0600);
     if (donor == -1 || fallocate(donor, 0, 0, (off_t)(blocks * block)) != 0) {
-        return fail("the file to swap with");
+        return -1;
     }
     for (uint64_t at = 0; at < blocks;) {
         struct move_extent move = {0, (uint32_t)donor, at, at, blocks - at, 0};
         if (ioctl(file, EXT4_IOC_MOVE_EXT, &move) != 0 || move.moved_len == 0) {
-            return fail("EXT4_IOC_MOVE_EXT");
+            return -1;
         }
         at += move.moved_len;
     }
@@ -53,7 +48,7 @@ static int rewrite(int file, uint64_t blocks) {
         const off_t offset = (off_t)(at * block);
         if (pread(file, bytes, block, offset) != block ||
             pwrite(file, bytes, block, offset) != block) {
-            return fail("rewriting");
+            return -1;
         }
     }
     return 0;
@@ -68,23 +63,24 @@ int main(int argc, char **argv) {
     const char *path = argv[argc - 1];
     const int file = open(path, O_RDWR);
     const int before = first_block(file);
-    struct stat status;
-    struct statfs file_system;
-    if (before == -1 || fstat(file, &status) != 0 || fstatfs(file, &file_system) != 0) {
-        return fail(path);
-    }
+    struct stat status = {0};
+    struct statfs file_system = {0};
+    int failed = before == -1 || fstat(file, &status) != 0 || fstatfs(file, &file_system) != 0;
     const uint64_t blocks = (uint64_t)status.st_size / block;
-    uint32_t pinned = 0;
-    if (strcmp(argv[1], "--unpin") == 0 && file_system.f_type == F2FS_SUPER_MAGIC &&
-        ioctl(file, F2FS_IOC_SET_PIN_FILE, &pinned) != 0) {
-        return fail("F2FS_IOC_SET_PIN_FILE");
+    if (file_system.f_type == F2FS_SUPER_MAGIC) {
+        uint32_t pinned = 0;
+        failed |= strcmp(argv[1], "--unpin") == 0 && ioctl(file, F2FS_IOC_SET_PIN_FILE, &pinned);
+        failed |= rewrite(file, blocks);
+    } else {
+        failed |= swap_with_new_file(file, blocks);
     }
-    const int result = file_system.f_type == F2FS_SUPER_MAGIC ? rewrite(file, blocks)
-                                                              : swap_with_new_file(file, blocks);
+    if (failed) {
+        perror(path);
+    }
     sync();
-    if (result == 0 && first_block(file) == before) {
+    if (!failed && first_block(file) == before) {
         fprintf(stderr, "%s: nothing has moved\n", path);
-        return 2;
+        failed = 2;
     }
-    return result;
+    return failed;
 }

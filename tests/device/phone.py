@@ -15,6 +15,7 @@ MISC, DATA = "/dev/vda1", "/dev/vda5"
 NODES = "/dev/block/bootdevice/by-name/"
 APQ = "/data/vendor/ramdump/apq"
 MAP_SIZE = (3 << 20) + 70000  # neither whole chunks of the fill nor whole blocks
+COUNT = MAP_SIZE // BLOCK
 RSS_LIMIT_KIB = 8192
 
 # What runs in the tool's place: $0 is the tool, $1 the run's number, $2 the step's script, that
