@@ -61,10 +61,13 @@ STEPS = {
     "a line of 1 MiB": Step(f"printf %1048576s | tr ' ' x >{FIRST}; tarnix /data/map", 1, [
         "E [libfs_mgr]Error parsing mount_point",
         f"{READING} failed to load fstab from : '{FIRST}'", f"E failed to read {SECOND}"]),
-    "bad flags": Step(with_flags("voldmanaged=a,fileencryption=b:c,encryptable=x"), says=[
-        "E [libfs_mgr]Warning: voldmanaged= flag malformed",
-        "E [libfs_mgr]Unknown file contents encryption mode: b",
-        "E [libfs_mgr]Unknown file names encryption mode: c", *plain()]),
+    "bad flags on an encrypted disk": Step(
+        "setprop ro.crypto.state encrypted\n"
+        + with_flags("voldmanaged=a,fileencryption=b:c,encryptable=x"), says=[
+            "E [libfs_mgr]Warning: voldmanaged= flag malformed",
+            "E [libfs_mgr]Unknown file contents encryption mode: b",
+            "E [libfs_mgr]Unknown file names encryption mode: c",
+            "I encryptable: yes", "I   encrypted: yes", "I Success"]),
     # The boot's own command line says _a, its device tree _b.
     "slot of the property": Step("setprop ro.boot.slot_suffix _c\n" + with_flags("slotselect"),
                                  says=on_slot("_c")),

@@ -117,10 +117,10 @@ def start_again(recording, blocks):
     assert phone.flags == 1, f"flags {phone.flags}"
     sizes = {name: len(content) for name, content in phone.dump.items()}
     assert phone.dump == dump_files(scenario.dump), f"the flag is gone, the files are not: {sizes}"
-    if anchor_of(blocks)[5] != 3 and phone.modes == {"600"}:
-        return CLOSED_FILES  # as created
-    assert phone.modes == {"777"}, f"modes {phone.modes}"
-    return "good"
+    # As granted, or as created, where the flag was gone already.
+    may_be = {"777"} if anchor_of(blocks)[5] == 3 else {"777", "600"}
+    assert phone.modes <= may_be, f"modes {phone.modes}"
+    return CLOSED_FILES if "600" in phone.modes else "good"
 
 
 def choose(cuts, most, rng):

@@ -1,4 +1,4 @@
-"""Blocks of the disk that fail, and files that cannot grow, in the tool's runs on the emulated device.
+"""Blocks that fail, and files that cannot grow, in the tool's runs on the emulated device.
 
 In ./test only the rows marked so; all of them with TARNIX_LONG=1."""
 
