@@ -1,4 +1,4 @@
-// What tarnix-chain's commands read and print of images that nobody vouches for.
+// What tarnix-chain's commands read, print and write of images that nobody vouches for.
 //
 // Input: the anchor's 24 bytes, then the data partition from byte 512 on. The partitions are files
 // in the working directory, where pull writes to "out".
@@ -25,7 +25,7 @@ static bool is_plain(const std::string &text, const char *also) {
 }
 
 template <typename command_call>
-static void run(command_call command) {
+static int run(command_call command) {
     FILE *standard[] = {stdout, stderr};
     char *text = nullptr;
     size_t length = 0;
@@ -37,6 +37,20 @@ static void run(command_call command) {
     assert(status == exit_good || status == exit_not_whole || status == exit_unreadable);
     assert(is_plain(std::string(text, length), "\n"));
     free(text);
+    return status;
+}
+
+// A write that is refused changes nothing; of one that is not, pull finds just what was written.
+static void check_write(struct disk_image *image) {
+    const std::string before = read_file("./misc") + read_file("./data");
+    const struct pull_options force = {"out", true, false, false};
+    write_file("./in", "written");
+    if (run([image] { return write_command(image, {"in=in"}, true); }) != exit_good) {
+        assert(before == read_file("./misc") + read_file("./data"));
+        return;
+    }
+    assert(run([&] { return pull_command(image, force); }) == exit_good);
+    assert(list_directory("out").size() == 1 && read_file("out/in") == "written");
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -48,9 +62,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     write_file("./data", nothing.substr(0, data_start) + input.substr(anchor));
     make_directories("out");
     static std::string error;
-    static const auto image = open_disk_image({"", "misc", "data", ""}, false, &error);  // is slow
+    static const auto image = open_disk_image({"", "misc", "data", ""}, true, &error);  // is slow
     image->misc.size = nothing.size() + anchor;
     image->data.size = image->port.data_size = data_start + size - anchor;
+    image->data.whole_size = size % 3 == 0 ? 65536 : 0;  // what is there is a copy cut short
     const bool json = size % 2 == 0;
     run([json] { return pull_command(image.get(), {"out", false, false, json}); });
     run([json] { return pull_command(image.get(), {"out", json, false, !json}); });
@@ -66,5 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         unlink(("out/" + name).c_str());
     }
     assert(written <= size);
+    check_write(image.get());
+    unlink("out/in");
     return 0;
 }
