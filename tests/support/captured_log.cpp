@@ -4,6 +4,8 @@
 #include <android-base/stringprintf.h>
 #include <stdarg.h>
 
+#include <utility>
+
 static std::string lines;
 
 void capture_log() {
@@ -14,9 +16,7 @@ void capture_log() {
 }
 
 std::string take_log() {
-    std::string taken;
-    taken.swap(lines);
-    return taken;
+    return std::exchange(lines, "");
 }
 
 void add_to_log(const std::string &line) {

@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 
 #include "tests/support/captured_log.h"
-#include "tests/support/private_root.h"
+#include "tests/support/platform.h"
 
 // Status that ctest reports as skipped, and never as passed.
 static const int skipped = 77;

@@ -1,12 +1,17 @@
 #include "tests/support/platform.h"
 
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fiemap.h>
 #include <linux/fs.h>
+#include <sched.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/system_properties.h>
 #include <sys/wait.h>
@@ -15,14 +20,101 @@
 #include <algorithm>
 
 #include "tests/support/captured_log.h"
-#include "tests/support/private_root.h"
+#include "tests/support/files.h"
 
-struct test_platform platform;
+using android::base::WriteStringToFile;
 
-const call_script second_fails = {as_usual, {EIO}};
-const call_script interrupted_and_short = {{EINTR}, {0, 5}, {0, 0}, {EINTR}, {EINTR}, {0, 1}};
+// Where the new root is put together: a directory that every machine has and no test needs.
+static const std::string new_root = "/sys";
 
-void in_own_process(const std::string &row, const std::function<void()> &body) {
+// The machine's /proc, for what the sanitizers and gtest read of their own process.
+static const char real_proc[] = "/.proc/";
+
+// By its number: so the leak check at the end looks for its own process.
+static std::string test_binary_pid;
+
+// Keeps what is mounted from now on inside the process's own namespace. Only a mount point can be
+// told so, and inside a chroot "/" is none. So the mount that it lies on is told, from outside of
+// the chroot: ".." leads there while the working directory is not below the root.
+static bool keep_mounts_private() {
+    const android::base::unique_fd root(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (root == -1 || chdir("/") == -1 || chroot(new_root.c_str()) == -1) {
+        return false;
+    }
+    struct stat here = {};
+    struct stat above = {};
+    do {
+        must(stat(".", &here) == 0 && chdir("..") == 0 && stat(".", &above) == 0, "..");
+    } while (here.st_dev != above.st_dev || here.st_ino != above.st_ino);
+    return mount(nullptr, ".", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && fchdir(root) == 0 &&
+           chroot(".") == 0;
+}
+
+// Root makes a mount namespace just so; anybody else needs to be root of a user namespace first.
+static bool enter_namespace() {
+    const std::string uid_map = "0 " + std::to_string(geteuid()) + " 1";
+    const std::string gid_map = "0 " + std::to_string(getegid()) + " 1";
+    const bool is_root = geteuid() == 0;
+    if (unshare(CLONE_NEWNS | (is_root ? 0 : CLONE_NEWUSER)) == -1) {
+        return false;
+    }
+    return (is_root || (WriteStringToFile("deny", "/proc/self/setgroups") &&
+                        WriteStringToFile(uid_map, "/proc/self/uid_map") &&
+                        WriteStringToFile(gid_map, "/proc/self/gid_map"))) &&
+           keep_mounts_private();
+}
+
+void mount_tmpfs(const char *path, const char *options) {
+    make_directories(path);
+    umount2(path, MNT_DETACH);  // what an earlier call put there, if anything
+    must(mount("device", path, "tmpfs", 0, options) == 0, path);
+}
+
+void leave_free(const char *path, uint64_t bytes) {
+    struct statvfs space = {};
+    must(statvfs(path, &space) == 0, path);
+    const uint64_t size = (space.f_blocks - space.f_bfree) * space.f_frsize + bytes;
+    // A size of 0 would lift the limit; the root directory takes no block itself.
+    must(size != 0 && mount(nullptr, path, nullptr, MS_REMOUNT,
+                            ("size=" + std::to_string(size)).c_str()) == 0,
+         path);
+}
+
+static void empty_device_directories() {
+    for (const char *path : {"/data", "/dev/block", "/vendor", "/proc"}) {
+        mount_tmpfs(path, "size=1G");
+    }
+    for (const std::string &name : {std::string("self"), test_binary_pid}) {
+        must(symlink((real_proc + name).c_str(), ("/proc/" + name).c_str()) == 0, name);
+    }
+}
+
+std::string enter_private_root() {
+    test_binary_pid = std::to_string(getpid());
+    if (!enter_namespace() || mount("root", new_root.c_str(), "tmpfs", 0, "mode=755") == -1) {
+        return strerror(errno);
+    }
+    for (const std::string &path : {std::string("/usr"), std::string("/etc"), std::string("/proc"),
+                                    android::base::GetExecutableDirectory()}) {
+        const std::string place = new_root + (path == "/proc" ? real_proc : path);
+        make_directories(place);
+        // The emulated device has not all of them.
+        if (mount(path.c_str(), place.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == -1 &&
+            errno != ENOENT) {
+            return strerror(errno);
+        }
+    }
+    must(chroot(new_root.c_str()) == 0 && chdir("/") == 0, new_root);
+    for (const std::string name : {"bin", "lib", "lib64"}) {
+        must(symlink(("usr/" + name).c_str(), name.c_str()) == 0, name);
+    }
+    make_directories("/tmp");  // where gtest keeps what a test prints
+    write_file("/dev/null", "");
+    empty_device_directories();
+    return "";
+}
+
+void on_fresh_device(const std::string &row, const std::function<void()> &body) {
     fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
@@ -31,6 +123,7 @@ void in_own_process(const std::string &row, const std::function<void()> &body) {
         const testing::TestResult *result =
             testing::UnitTest::GetInstance()->current_test_info()->result();
         const int failures_before = result->total_part_count();
+        empty_device_directories();
         body();
         fflush(nullptr);
         _exit(result->total_part_count() > failures_before ? 1 : 0);
@@ -40,12 +133,7 @@ void in_own_process(const std::string &row, const std::function<void()> &body) {
     EXPECT_EQ(0, status) << "row \"" << row << "\" failed above, or ended by a signal";
 }
 
-void on_fresh_device(const std::string &row, const std::function<void()> &body) {
-    in_own_process(row, [&body] {
-        empty_device_directories();
-        body();
-    });
-}
+struct test_platform platform;
 
 int __system_property_get(const char *name, char *value) {
     const std::string stored = android::base::GetProperty(name, "");
@@ -59,24 +147,27 @@ int __system_property_set(const char *name, const char *value) {
     return 0;
 }
 
-// Takes the script's next call; one that fails leaves its error in errno.
-static struct scripted_call next_call(call_script *script) {
-    struct scripted_call call = as_usual;
-    if (!script->empty()) {
-        call = script->front();
-        script->pop_front();
-    }
-    errno = call.error != 0 ? call.error : errno;
-    return call;
+// Whether the call at hand is to fail, with its error in errno: every other one where calls are
+// interrupted, and the one that platform.failing tells.
+static bool fails(const std::string &call) {
+    static bool interrupted = false;
+    interrupted = platform.interrupts && !interrupted;
+    const bool broken = platform.failing[call]-- == 1;
+    errno = interrupted ? EINTR : broken ? EIO : errno;
+    return interrupted || broken;
 }
 
-// Says so, with EINTR in errno, of every other call.
+// The same for a call that fails for nothing else.
 static bool is_interrupted() {
-    static bool last = false;
-    last = platform.interrupts && !last;
-    errno = last ? EINTR : errno;
-    platform.uninterrupted += last ? 0 : 1;
-    return last;
+    const bool interrupted = fails("");
+    platform.calls += interrupted ? 0 : 1;
+    return interrupted;
+}
+
+// How many bytes of a transfer go through.
+static size_t piece_of(size_t length) {
+    static size_t pieces = 0;
+    return platform.interrupts ? std::min(length, ++pieces % 8) : length;
 }
 
 static int answer_fibmap(int *block) {
@@ -118,6 +209,7 @@ extern "C" {
 // Without a mode in the call it is what happens to be there, and not looked at.
 int __real_open(const char *path, int flags, mode_t mode);
 int __wrap_open(const char *path, int flags, mode_t mode) {
+    platform.open_flags[path] = flags;
     return is_interrupted() ? -1 : __real_open(path, flags, mode);
 }
 
@@ -138,19 +230,17 @@ int __wrap_fstatvfs(int fd, struct statvfs *space) {
 
 ssize_t __real_read(int fd, void *buffer, size_t length);
 ssize_t __wrap_read(int fd, void *buffer, size_t length) {
-    const struct scripted_call call = next_call(&platform.reads);
-    return call.error != 0 ? -1 : __real_read(fd, buffer, std::min(length, call.limit));
+    return fails("read") ? -1 : __real_read(fd, buffer, piece_of(length));
 }
 
 ssize_t __real_write(int fd, const void *buffer, size_t length);
 ssize_t __wrap_write(int fd, const void *buffer, size_t length) {
-    const struct scripted_call call = next_call(&platform.writes);
-    return call.error != 0 ? -1 : __real_write(fd, buffer, std::min(length, call.limit));
+    return fails("write") ? -1 : __real_write(fd, buffer, piece_of(length));
 }
 
 off64_t __real_lseek64(int fd, off64_t offset, int whence);
 off64_t __wrap_lseek64(int fd, off64_t offset, int whence) {
-    return next_call(&platform.seeks).error != 0 ? -1 : __real_lseek64(fd, offset, whence);
+    return fails("lseek") ? -1 : __real_lseek64(fd, offset, whence);
 }
 
 uid_t __wrap_getuid() {

@@ -1,6 +1,7 @@
-// The platform under the code under test: properties in memory (libbase's), the caller's uid, the
-// file system's answers to FIBMAP and FIEMAP, and system calls that go wrong when a test says so.
-// The linker leads the rooms' calls here.
+// The device under the code under test: a root file system of the test binary's own, so that the
+// rooms' absolute paths are real and nothing of the machine is touched; properties in memory
+// (libbase's); the caller's uid, the file system's answers to FIBMAP and FIEMAP, and system calls
+// that go wrong when a test says so. The linker leads the rooms' calls here.
 #ifndef TARNIX_TESTS_SUPPORT_PLATFORM_H
 #define TARNIX_TESTS_SUPPORT_PLATFORM_H
 
@@ -9,8 +10,8 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-#include <deque>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,43 +23,41 @@ struct fibmap_answer {
     int error = 0;  // errno of a failing call; `block` is left in the caller's variable even so
 };
 
-// An answer to one system call: fail with `error`, or transfer no more than `limit` bytes.
-struct scripted_call {
-    int error;
-    size_t limit = SIZE_MAX;
-};
-constexpr struct scripted_call as_usual = {0};
-
-using call_script = std::deque<struct scripted_call>;
-extern const call_script second_fails;           // EIO
-extern const call_script interrupted_and_short;  // EINTR and pieces, none of them an error
-
 struct test_platform {
     uid_t uid = 1000;                          // what getuid answers
     std::vector<struct fibmap_answer> fibmap;  // by file block, of any file; EINVAL behind the last
     int fibmap_calls = 0;
     std::vector<struct fiemap_extent> extents;  // what FIEMAP answers, in the order of the file
     int fiemap_error = 0;                       // errno with which it fails instead
-    // The calls that come: each takes the front of its queue; with an empty queue, as usual.
-    call_script reads;
-    call_script writes;
-    call_script seeks;
-    // Whether each open, fsync, statvfs, fstatvfs and FIBMAP is interrupted before it goes through,
-    // and how many went through.
+    // Which of the calls of read, write or lseek to come fails with EIO, from 1; 0: none.
+    std::map<std::string, int> failing;
+    // Whether each call is interrupted before it goes through, and each transfer comes in pieces of
+    // 0 to 7 bytes.
     bool interrupts = false;
-    int uninterrupted = 0;
+    int calls = 0;  // that went through: open, fsync, statvfs, fstatvfs and ioctl
+    std::map<std::string, int> open_flags;  // of each path's last open
 };
 
 extern struct test_platform platform;
 
-// Runs `body` in a process of its own, so that what one row of a table leaves in process-wide
-// variables never meets another. `row` names the row in failures.
-void in_own_process(const std::string &row, const std::function<void()> &body);
+// Moves the process, for good, into a mount namespace and a root of its own that has the machine's
+// programs and libraries and nothing else. Empty, or why the machine does not allow it.
+std::string enter_private_root();
 
-// The same, on a device just started: empty directories.
+// Lays a fresh tmpfs over the directory `path`, made when missing. `options` as for mount -o:
+// "size=33G" is had on any machine.
+void mount_tmpfs(const char *path, const char *options);
+
+// Makes such a file system larger or smaller, until it has `bytes` of space left. Counted in whole
+// blocks of 4096 bytes.
+void leave_free(const char *path, uint64_t bytes);
+
+// Runs `body` on a device just started, with nothing in /data, /dev/block and /vendor, and with a
+// /proc that has no cmdline and no device-tree. It has a process of its own, so that what one row
+// of a table leaves in process-wide variables never meets another. `row` names it in failures.
 void on_fresh_device(const std::string &row, const std::function<void()> &body);
 
-// A test whose body has a fresh device and a process of its own, as above.
+// A test whose body has such a device.
 #define DEVICE_TEST(suite, name)                \
     static void suite##_##name();               \
     TEST(suite, name) {                         \

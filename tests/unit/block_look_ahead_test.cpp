@@ -24,63 +24,48 @@ int posix_fadvise(int /* fd */, off_t offset, off_t length, int advice) noexcept
     return EINVAL;  // a failure changes nothing
 }
 
-// `runs` runs of `length` blocks, each before the one above it on the device.
-static std::vector<struct fibmap_answer> map_in_runs(int runs, int length) {
-    std::vector<struct fibmap_answer> answers;
-    for (int run = 0; run < runs; ++run) {
-        for (int i = 0; i < length; ++i) {
-            answers.push_back({1 + (runs - run) * (length + 1) + i});
-        }
-    }
-    return answers;
-}
-
-// One run of 2000 blocks, of which one gets another answer.
-static std::vector<struct fibmap_answer> map_with(size_t index, struct fibmap_answer answer) {
-    std::vector<struct fibmap_answer> answers = map_in_runs(1, 2000);
-    answers[index] = answer;
-    return answers;
-}
-
 DEVICE_TEST(block_look_ahead, order_and_announcements) {
     const struct {
         const char *name;
-        std::vector<struct fibmap_answer> map;  // up to a block without a place, or to its end
+        int runs, length;  // each run before the one above it on the device
         int announcements;
+        std::vector<struct fibmap_answer> stop;  // the answer behind them that ends it
     } rows[] = {
-        {"one run: one announcement a piece", map_in_runs(1, 2000), 63},
-        {"a piece and a block", map_in_runs(1, 33), 2},
+        {"one run: one announcement a piece", 1, 2000, 63, {}},
+        {"a piece and a block", 1, 33, 2, {}},
         // 15 of the runs lie across the end of what is mapped at a time.
-        {"runs of three blocks", map_in_runs(400, 3), 415},
-        {"hole at the start of a piece", map_with(32, {0}), 1},
-        {"hole at the end of the window", map_with(511, {0}), 16},
-        {"no answer behind the window", map_with(513, {7, EIO}), 17},
+        {"runs of three blocks", 400, 3, 415, {}},
+        {"hole at the start of a piece", 1, 32, 1, {{0}}},
+        {"hole at the end of the window", 1, 511, 16, {{0}}},
+        {"no answer behind the window", 1, 513, 17, {{7, EIO}}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         platform = {};
-        platform.fibmap = row.map;
+        const int placed = row.runs * row.length;
+        for (int i = 0; i < placed; ++i) {
+            const int run = row.runs - i / row.length;
+            platform.fibmap.push_back({1 + run * (row.length + 1) + i % row.length});
+        }
+        platform.fibmap.insert(platform.fibmap.end(), row.stop.begin(), row.stop.end());
         announcements = 0;
         announced.clear();
         struct block_look_ahead ahead;
-        start_look_ahead(&ahead, 0, 0, block_size, static_cast<int32_t>(row.map.size()));
-        int32_t count = 0;
-        size_t placed = 0;
-        for (const struct fibmap_answer &answer : row.map) {
+        start_look_ahead(&ahead, 0, 0, block_size, row.stop.empty() ? placed : 2000);
+        int count = 0;
+        for (const struct fibmap_answer &answer : platform.fibmap) {
             const struct mapped_block taken = take_block(&ahead, count);
             ASSERT_EQ(answer.block, taken.block) << count;
             ASSERT_EQ(answer.error != 0, taken.result != 0) << count;
             ASSERT_LE(platform.fibmap_calls, count + look_ahead_window);
-            ++count;
-            if (answer.error != 0 || answer.block == 0) {
-                break;
-            }
             // Each block before it is due, in the map's order, and none twice.
-            ASSERT_EQ(answer.block, announced.at(placed++)) << count;
+            const auto at = static_cast<size_t>(count);
+            ASSERT_TRUE(count == placed || answer.block == announced.at(at)) << count;
+            ++count;
         }
         // Nothing is asked for or announced behind the last.
         EXPECT_EQ(count, platform.fibmap_calls);
-        EXPECT_EQ(placed, announced.size());
+        EXPECT_EQ(placed, static_cast<int>(announced.size()));
         EXPECT_EQ(row.announcements, announcements);
     }
 }

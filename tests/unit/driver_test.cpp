@@ -1,28 +1,51 @@
 // What a whole run on the emulated device cannot be brought to (tests/device has the rest).
 #include <android-base/strings.h>
-#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include "driver/run_options.h"
+#include "chain/chain_crc.h"
+#include "chain/chain_writer.h"
+#include "chain/format/dump_file_header.h"
 #include "tests/support/captured_log.h"
-#include "tests/support/chain_image.h"
 #include "tests/support/files.h"
 #include "tests/support/platform.h"
-#include "tests/support/private_root.h"
+
+using testing::EndsWith;
+using testing::HasSubstr;
+
+#define OUT_PATH "/data/out"
 
 // The driver's main.
 int tarnix_main(int argc, char *argv[]);
 
-// Calls main or a part of it with a command line.
-template <typename Function>
-static int with_arguments(const std::string &arguments, const Function &function) {
+static const uint32_t seed = 0x12345678;
+static const std::vector<uint32_t> blocks = {5, 6, 9, 3};
+static const std::string before(5000, 'b');
+static const std::string file_data(4084 - 2 * sizeof(struct dump_file_header), 'a');
+
+static int run(const std::string &arguments) {
     std::vector<std::string> words = android::base::Split("tarnix " + arguments, " ");
     std::vector<char *> argv(words.size() + 1);
     for (size_t i = 0; i < words.size(); ++i) {
         argv[i] = &words[i][0];
     }
-    optind = 0;  // from the start, also in a second run
-    return function(static_cast<int>(words.size()), argv.data());
+    return tarnix_main(static_cast<int>(words.size()), argv.data());
+}
+
+// The chain's blocks. The dump in them is pending: its first file is OUT_PATH, as the boot side is
+// trusted with names; the name of the second ends only with its header, at the end of a block.
+static std::vector<std::string> block_contents() {
+    const struct dump_file_header file = {dump_file_header_magic, "../../../../out",
+                                          file_data.size(), 0};
+    const std::vector<std::string> headers = chain_headers(seed, blocks);
+    std::vector<std::string> contents = {headers[0] + bytes_of(file) + file_data + "F1Le" +
+                                         std::string(20, 'n') + "ssssssssrrrrrrrr"};
+    for (size_t i = 1; i < blocks.size(); ++i) {
+        contents.push_back(headers[i] + std::string(4084, static_cast<char>('p' + i)));
+    }
+    return contents;
 }
 
 static void prepare_device() {
@@ -30,86 +53,222 @@ static void prepare_device() {
     set_property("ro.hardware", "virt");
     write_file("/fstab.virt", DEVICE_PATH " /data ext4 noatime wait,check\n");
     write_file(DEVICE_PATH, std::string(16 * block_length, 'd'));
-    platform.fibmap = {{5}, {6}};
-}
-
-DEVICE_TEST(driver, modes_on_a_valid_map) {
-    prepare_device();
-    make_map_file(2 * block_length);
-    leave_free("/dev/block", 4096);
-    must(symlink(MAP_PATH, "/vendor/link") == 0, "/vendor/link");
-
-    // The other flags are no dump.
-    write_file_at(MISC_PATH, 3184, anchor_bytes(5, 2, 0x12345678, 0xfffffffd));
-    EXPECT_EQ(0, with_arguments("-s " MAP_PATH, tarnix_main));
-    std::string log = take_log();
-    const char none[] = ")\nE main: No ramdump for reading (flag = 0xfffffffd)\nI Success\n";
-    EXPECT_TRUE(android::base::EndsWith(log, none)) << log;
-
-    // A copy, and no extraction of what is pending.
-    write_file_at(MISC_PATH, 3184, anchor_bytes(5, 2, 0x12345678, 3));
-    EXPECT_EQ(0, with_arguments("-s -r /data/out /vendor/link", tarnix_main));
-    log = take_log();
-    const char copied[] =
-        ")\nP debug.qor.tarnix=reversing\n"
-        "I Opened " DEVICE_PATH
-        " for reading\n"
-        "I raw_read_blocks: 0 avail, 2 blocks needed\n"
-        "I Opened /data/out for writing\nI Success\n";
-    EXPECT_TRUE(android::base::EndsWith(log, copied)) << log;
-}
-
-DEVICE_TEST(driver, each_call_interrupted_once) {
-    prepare_device();
-    write_file(MISC_PATH, std::string(8192, '\0'));
-    make_directories("/data/vendor/ramdump");
-    leave_free("/dev/block", 4096);
-    const struct {
-        const char *arguments;
-        uint32_t flags;  // of the anchor before the run; 0: none
-        int calls;       // that go through
-    } rows[] = {
-        {"-i 12345678 -a 8192 " MAP_PATH, 0, 9},
-        {"-t " MAP_PATH, 1, 3},
-        {"-r /data/out " MAP_PATH, 1, 8},
-        {"-s " MAP_PATH, 3, 7},
-    };
-    for (const auto &row : rows) {
-        if (row.flags != 0) {
-            write_file_at(MISC_PATH, 3184, anchor_bytes(5, 2, 0x12345678, row.flags));
-        }
-        platform.uninterrupted = 0;
-        platform.interrupts = true;
-        EXPECT_EQ(0, with_arguments(row.arguments, tarnix_main)) << row.arguments;
-        platform.interrupts = false;
-        EXPECT_EQ(row.calls, platform.uninterrupted) << take_log();
+    for (size_t i = 0; i < blocks.size(); ++i) {
+        write_file_at(DEVICE_PATH, blocks[i] * block_length, block_contents()[i]);
+        platform.fibmap.push_back({static_cast<int>(blocks[i])});
     }
-    const std::vector<std::string> headers = chain_headers(0x12345678, {5, 6});
-    EXPECT_EQ(headers[0] + headers[1],
-              read_file("/data/out").substr(0, 12) + read_file("/data/out").substr(4096, 12));
+    write_file(MISC_PATH, std::string(8192, 'm'));
+    write_file_at(MISC_PATH, 3184, anchor_bytes(5, 4, seed, 3));
+    make_map_file(4 * block_length + 4095);
+    write_file(OUT_PATH, before);
+    leave_free("/dev/block", 4 * block_length);
 }
 
-TEST(driver, map_size) {
-    const struct {
-        const char *ddr_size;
-        const char *arguments;
-        uint64_t size;
-    } rows[] = {
-        {"4.5", "-s", 5905580032},
-        {"12", "-s", 2147483648},
-        {"", "-p -s", 1073741823},
-        {"\xff", "-s", 223338299392},
-        {"4", "-c 9000000000 -s", 5368709120},
-        {"4", "-s -a 0009000000001k", 9000000001},
+// The `number`-th call fails.
+static std::function<void()> fail(const char *call, int number) {
+    return [=] { platform.failing[call] = number; };
+}
+
+// The file system's answer for a block of the map file.
+static std::function<void()> place(size_t index, int block, int error = 0) {
+    return [=] { platform.fibmap[index] = {block, error}; };
+}
+
+// The RAM, and the bytes that are left for the map file or the dump.
+static std::function<void()> room(uint64_t bytes, const char *ram = "4.5") {
+    return [=] {
+        set_property("ro.boot.ddrsize", ram);
+        leave_free("/data", bytes);
     };
+}
+
+// Each call is interrupted once, each transfer comes in pieces, and OUT_PATH is a new file.
+static void interrupt() {
+    must(unlink(OUT_PATH) == 0, OUT_PATH);
+    umask(0);
+    platform.calls = 0;
+    platform.interrupts = true;
+}
+
+#define WALK "-t " MAP_PATH
+#define COPY "-r " OUT_PATH " " MAP_PATH
+#define BUILD "-i 87654321 -a 20479 "
+#define NEW "/data/new"
+#define EXTRACT "-s " MAP_PATH
+#define FIRST_HEADER "I first block_header = {magic=0x6e684342, next_block=0x6, crc32=0x36ba5b6c}\n"
+#define OPENED "I Opened " OUT_PATH " for writing\n"
+#define REFUSED(size) "requested size: " #size "\nE create_file failed\n"
+
+TEST(driver, runs_that_meet_something) {
+    const std::vector<std::string> contents = block_contents();
+    const std::string cleared(24, '\0');
+    const std::string extracted = anchor_bytes(5, 4, seed, 1);
+    const std::string gone = "(cannot be read)";
+    const std::string whole = android::base::Join(contents, "");
+    const std::string rebuilt = anchor_bytes(5, 4, 0x87654321, 1);
+    const struct {
+        const char *name;
+        const char *arguments;
+        std::function<void()> disturb;
+        int status;
+        testing::Matcher<std::string> log;
+        std::string out = before;  // OUT_PATH afterwards
+        std::string anchor = "";   // afterwards; empty: as before
+        const char *written = "";  // numbers of the headers that a build leaves on the device
+        mode_t mode = 0100644;     // OUT_PATH's afterwards; 0: it is not there
+        int calls = 0;             // that go through, where each is interrupted
+        int open_flags = 0;        // of the block device then
+    } rows[] = {
+        {"walk, interrupted", WALK, interrupt, 0,
+         EndsWith(FIRST_HEADER "I Read 4 blocks successfully\n"), gone, "", "", 0, 3,
+         O_RDONLY | O_SYNC},
+        {"copy, interrupted", COPY, interrupt, 0, EndsWith("I Success\n"), whole, "", "", 0100666,
+         10, O_RDONLY | O_SYNC},
+        {"build, interrupted", BUILD OUT_PATH, interrupt, 0, EndsWith("I Success\n"),
+         std::string(20479, '\xFF'), rebuilt, "0123", 0100660, 11, O_WRONLY},
+        {"extraction, interrupted", EXTRACT, interrupt, 0, EndsWith("I Success\n"), file_data,
+         extracted, "", 0100666, 10, O_RDONLY | O_SYNC},
+        // The second damage goes unreported.
+        {"walk, two CRCs", WALK,
+         [] {
+             write_file_at(DEVICE_PATH, 6 * block_length + 8, "1234");
+             write_file_at(DEVICE_PATH, 3 * block_length + 8, "1234");
+         },
+         0,
+         EndsWith(FIRST_HEADER "E CRC32 mismatch at block 6, got 34333231, expecting 33656626\n"
+                               "I Read 4 blocks successfully\n"
+                               "W Integrity of chain not verified due to CRC mismatch\n")},
+        {"walk, a seek fails", WALK, fail("lseek", 2), -1,
+         EndsWith(FIRST_HEADER "E error seeking to block 00000006: Input/output error\n")},
+        {"walk, a read fails", WALK, fail("read", 2), -1,
+         EndsWith(FIRST_HEADER "E error reading: Input/output error\n")},
+        {"copy before extraction, by a link", "-s -r " OUT_PATH " /vendor/link",
+         [] { must(symlink(MAP_PATH, "/vendor/link") == 0, "/vendor/link"); }, 0,
+         EndsWith(")\nP debug.qor.tarnix=reversing\nI Opened " DEVICE_PATH
+                  " for reading\nI raw_read_blocks: 4 avail, 4 blocks needed\n" OPENED
+                  "I Success\n"),
+         whole},
+        {"copy, more room than the map has blocks", COPY,
+         [] { leave_free("/dev/block", 5 * block_length); }, -ESRCH,
+         EndsWith("E raw_read_blocks: Not enough space available to write ramdump 5 avail, "
+                  "need 4 blocks\n")},
+        {"copy, a hole", COPY, place(1, 0), 0, EndsWith(OPENED "I Success\n"),
+         contents[0] + std::string(block_length, 'd') + contents[2] + contents[3]},
+        {"copy, no place for a block", COPY, place(1, 7, EIO), -1,
+         EndsWith(OPENED "E failed to find block 1\n"), contents[0]},
+        {"copy, a seek fails", COPY, fail("lseek", 2), -1,
+         EndsWith(OPENED "E error seeking to block 00000006: Input/output error\n"), contents[0]},
+        {"copy, a write fails", COPY, fail("write", 2), -1,
+         EndsWith(OPENED "E error writing: Input/output error\n"), contents[0]},
+        {"build, a hole", BUILD NEW, place(2, 0), -1,
+         EndsWith("}<no line end>\nE refusing to write to block 0\n"), before, cleared, "0"},
+        {"build, no place for a block", BUILD NEW, place(2, 7, EIO), -1,
+         EndsWith("E failed to find block 2\n"), before, cleared, "0"},
+        {"build, no place, and block 0", BUILD NEW, place(2, 0, EIO), -1,
+         EndsWith("E refusing to write to block 0\n"), before, cleared, "0"},
+        {"build, no place for the first block", BUILD NEW, place(0, 7, EIO), -1,
+         EndsWith("E failed to find block 0\n"), before, cleared},
+        {"build, the first block is a hole", BUILD NEW, place(0, 0), -1,
+         EndsWith("for writing\nE refusing to write to block 0\n"), before, cleared},
+        {"build, the last seek fails", BUILD NEW, fail("lseek", 4), 0,
+         HasSubstr("E error seeking to block 00000003: Input/output error\n"), before, rebuilt,
+         "012"},
+        // The first write fills the map file.
+        {"build, a header's write fails", BUILD NEW, fail("write", 3), 0,
+         HasSubstr("E error writing: Input/output error\n"), before, rebuilt, "023"},
+        // Wherever the file goes, the space is the data partition's.
+        {"map, all the space", "-a 1048576 /vendor/map", room(1048576), 1,
+         EndsWith("I Creating reserved area 1048576 bytes\nI 0/16\nI 16/16\n"
+                  "E start to clear init header!!\nP persist.vendor.tarnix.map=invalid\n"
+                  "E clear init header ok!!\nE failed to find block device for /vendor/map"
+                  "<no line end>\n"),
+         before, cleared},
+        {"map, a byte too many", "-a 1048577 /vendor/map", room(1048576), -1,
+         EndsWith("E create_file: Not enough space available to create ramdump file: /vendor/map, "
+                  "avail space: 1048576, " REFUSED(1048577))},
+        {"map, half a GiB", "-s /none", room(4096, "4.5"), -1, EndsWith(REFUSED(5905580032))},
+        {"map, one digit", "-s /none", room(4096, "12"), -1, EndsWith(REFUSED(2147483648))},
+        {"map, no RAM size", "-p -s /none", room(4096, ""), -1, EndsWith(REFUSED(1073741823))},
+        {"map, no digit", "-s /none", room(4096, "\xff"), -1, EndsWith(REFUSED(223338299392))},
+        {"map, -c before", "-c 9000000000 -s /none", room(4096), -1, EndsWith(REFUSED(5905580032))},
+        {"map, -a behind", "-s -a 0009000000001k /none", room(4096), -1,
+         EndsWith(REFUSED(9000000001))},
+        {"map, the rest fails", "-a 65537 " OUT_PATH,
+         [] {
+             must(unlink(OUT_PATH) == 0, OUT_PATH);
+             platform.failing["write"] = 2;
+         },
+         -1, EndsWith("E error writing: Input/output error\nE create_file failed\n"),
+         std::string(65536, '\xFF'), "", "", 0100640},
+        {"flags that are no dump", EXTRACT,
+         [] { write_file_at(MISC_PATH, 3204, "\xfd\xff\xff\xff"); }, 0,
+         EndsWith(")\nE main: No ramdump for reading (flag = 0xfffffffd)\nI Success\n")},
+        // The RAM and 256 MiB.
+        {"extraction, just the space", EXTRACT, room(0x130000000), 0,
+         HasSubstr("E full path: /data/vendor/ramdump/apq/00/../../../../out\n"
+                   "E Found file 'nnnnnnnnnnnnnnnnnnnnssssssssrrrrrrrr', size 8319119876378817395\n"
+                   "E full path: /data/vendor/ramdump/apq/00/nnnnnnnnnnnnnnnnnnnnssssssssrrrrrrr\n"
+                   "E main: grant permission"),
+         file_data, extracted},
+        {"extraction, a block less", EXTRACT, room(0x130000000 - block_length), -1,
+         EndsWith("requested size: 5100273664\nE main: parsing error\n")},
+    };
+    const std::vector<std::string> headers = chain_headers(0x87654321, blocks);
     for (const auto &row : rows) {
-        in_own_process(std::string(row.ddr_size) + row.arguments, [&row] {
-            set_property("ro.boot.ddrsize", row.ddr_size);
-            struct run_options options;
-            EXPECT_EQ(0, with_arguments(row.arguments, [&options](int argc, char *argv[]) {
-                          return parse_options(argc, argv, &options);
-                      }));
-            EXPECT_EQ(row.size, options.map_size);
+        on_fresh_device(row.name, [&] {
+            prepare_device();
+            row.disturb();
+            std::string device = read_file(DEVICE_PATH);
+            std::string misc = read_file(MISC_PATH);
+            EXPECT_EQ(row.status, run(row.arguments));
+            EXPECT_THAT(take_log(), row.log);
+            EXPECT_TRUE(read_file(OUT_PATH) == row.out);
+            struct stat made = {};
+            (void)stat(OUT_PATH, &made);
+            EXPECT_EQ(row.mode, made.st_mode);
+            EXPECT_TRUE(read_file(MISC_PATH) == misc.replace(3184, row.anchor.size(), row.anchor));
+            for (const char number : std::string(row.written)) {
+                const auto i = static_cast<size_t>(number - '0');
+                device.replace(blocks[i] * block_length, headers[i].size(), headers[i]);
+            }
+            EXPECT_TRUE(read_file(DEVICE_PATH) == device);
+            if (platform.interrupts) {
+                EXPECT_EQ(row.calls, platform.calls);
+                EXPECT_EQ(row.open_flags, platform.open_flags[DEVICE_PATH]);
+            }
         });
     }
+}
+
+DEVICE_TEST(driver, numbers_of_blocks_beyond_31_bits) {
+    prepare_device();
+    const std::string device = read_file(DEVICE_PATH);
+    make_map_file(block_length << 32);
+    EXPECT_EQ(-1, raw_write_blocks(MAP_PATH, DEVICE_PATH));
+    EXPECT_TRUE(read_file(DEVICE_PATH) == device);
+    // Negative in 32 bits: a chain of one block.
+    make_map_file(block_length << 31);
+    chain_crc = seed;
+    EXPECT_EQ(0, raw_write_blocks(MAP_PATH, DEVICE_PATH));
+    EXPECT_EQ(chain_headers(seed, {5})[0], read_file(DEVICE_PATH).substr(5 * block_length, 12));
+}
+
+// Scripts match these lines.
+DEVICE_TEST(driver, usage) {
+    set_property("ro.boot.qorramdump", "1");
+    EXPECT_EQ(2, run("-r"));
+    EXPECT_THAT(take_log(), EndsWith(R"(
+I usage: tarnix [-p] [-r <out file>] [-c <size>] [-t] [-i <crc>] <block file>
+I     -r <out file> read from raw block of <block file> to <out file>
+I     -c <size>     also create <block file> of size and convert
+
+I     -t            test block chain integrity
+I     -a <in file>  parsing maps to ramdump files
+I     -p            print progress
+I     -i <crc>      specify initial hex crc value
+I Convert between raw blocks and files.  If only <block file> parameter
+I is supplied, then just re-write <block file> as raw data.  <block file> must
+I exist, otherwise, use the -c option to create the file before
+I converting it.
+)"));
 }

@@ -1,6 +1,8 @@
 // The fstab loader, the lookup in its table and the boot configuration, from real files under the
 // test's own root.
-#include <gtest/gtest.h>
+#include <android-base/stringprintf.h>
+#include <android-base/strings.h>
+#include <gmock/gmock.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -18,83 +20,76 @@ static const char fstab_path[] = "/fstab.test";
 
 static struct fstab *load(const std::string &text) {
     write_file(fstab_path, text);
+    set_property("ro.boot.slot_suffix", "_b");
     take_log();
     return fs_mgr_read_fstab(fstab_path);
 }
 
-TEST(fs_mgr_fstab, flags_and_mount_options) {
+static std::string describe(const struct fstab_rec &rec) {
+    std::string text =
+        android::base::StringPrintf("%s %s %s %lx %x", rec.blk_device, rec.mount_point, rec.fs_type,
+                                    rec.mount_flags, rec.fs_mgr_flags);
+    for (const char *value :
+         {rec.fs_options, rec.key_loc, rec.key_dir, rec.verity_loc, rec.label, rec.sysfs_path}) {
+        text += value != nullptr ? std::string(" '") + value + "'" : " -";
+    }
+    const std::vector<int64_t> numbers = {fs_mgr_is_encryptable(&rec),
+                                          rec.length,
+                                          rec.partnum,
+                                          rec.swap_prio,
+                                          rec.max_comp_streams,
+                                          rec.zram_size,
+                                          static_cast<int64_t>(rec.reserved_size),
+                                          rec.file_contents_mode,
+                                          rec.file_names_mode,
+                                          rec.erase_blk_size,
+                                          rec.logical_blk_size};
+    return text + " " + android::base::Join(numbers, ' ');
+}
+
+TEST(fs_mgr_fstab, columns) {
     const std::string x_1022(1022, 'x');
+    const auto memory = static_cast<uint32_t>(sysconf(_SC_PHYS_PAGES) * sysconf(_SC_PAGESIZE));
+    const std::string no_values = " - - - - - 0 0 -1 -1 0 0 0 0 0 0 0";
     const struct {
         std::string columns;
-        uint64_t mount_flags;
-        int32_t fs_mgr_flags;
-        std::string fs_options;
+        std::string record;
+        std::string log;
     } rows[] = {
-        {"nosuid,nodev,noatime,barrier=1,discard wait", 0x406, 1, "barrier=1,discard"},
+        {"nosuid,nodev,noatime,barrier=1,discard wait", "406 1 'barrier=1,discard'" + no_values,
+         ""},
         // A name that begins with a row's name is that row.
-        {"rootcontext=u:r:t,record,binder,,privateer,Ro avb=vbmeta", 0x45001, 0x2000000, "Ro"},
-        {"defaults,x check,slotselected_not,verifyatboot=/x", 0, 0x88002, "x"},
-        {"x forceencrypt=/a", 0, 0x400, "x"},
+        {"rootcontext=u:r:t,record,binder,,privateer,Ro avb=vbmeta",
+         "45001 2000000 'Ro'" + no_values, ""},
+        {"defaults,x check,slotselected_not,verifyatboot=/x", "0 88002 'x'" + no_values, ""},
+        {"ro forceencrypt=/a,encryptable=/b", "1 404 - '/b' - - - - 1028 0 -1 -1 0 0 0 0 0 0 0",
+         ""},
         // 1023 characters of unknown options are kept: with the last comma, or with one more
         // character in its place, which goes instead of it.
-        {x_1022 + " wait", 0, 1, x_1022},
-        {x_1022 + "y,y,ro wait", 1, 1, x_1022},
+        {x_1022 + " wait", "0 1 '" + x_1022 + "'" + no_values, ""},
+        {x_1022 + "y,y,ro wait", "1 1 '" + x_1022 + "'" + no_values, ""},
+        {"rw forcefdeorfbe=footer,keydirectory=/k,verifyx=/v=1,voldmanaged=sdcard1:auto,"
+         "length=-0x10,swapprio=010,max_comp_streams=0x100000002,zramsize=4294967297,"
+         "reservedsize=010k,eraseblk=0x20000,eraseblk=1,logicalblk=12288,sysfs_path=/s",
+         "0 db103b0 - 'footer' '/k' '/v=1' 'sdcard1' '/s' 65536 -16 -1 8 2 1 10240 1 3 131072 0",
+         ""},
+        {"rw bogus=1,fileencryption=ice,voldmanaged=x:0x100000003,reservedsize=5g7,zramsize=100%,"
+         "length=99999999999999999999",
+         "0 202130 - - - - 'x' - 0 9223372036854775807 3 -1 0 " + std::to_string(memory) +
+             " 5368709120 2 3 0 0",
+         "E [libfs_mgr]Warning: unknown flag bogus=1\n"},
+        {"rw fileencryption=aes-256-xts:aes-256-heh,reservedsize=0x10,logicalblk=4096",
+         "0 1202000 - - - - - - 0 0 -1 -1 0 0 0 1 4 0 4096", ""},
     };
-    set_property("ro.boot.slot_suffix", "_b");
     for (const auto &row : rows) {
         SCOPED_TRACE(row.columns);
         struct fstab *table = load("dev /mnt ext4 " + row.columns + "\n");
         ASSERT_NE(nullptr, table);
-        const struct fstab_rec &rec = table->recs[0];
-        EXPECT_EQ(row.mount_flags, rec.mount_flags);
-        EXPECT_EQ(row.fs_mgr_flags, rec.fs_mgr_flags);
-        EXPECT_EQ(row.fs_mgr_flags & 0x10404, fs_mgr_is_encryptable(&rec));
-        EXPECT_EQ(row.fs_options, rec.fs_options);
+        EXPECT_THAT(describe(table->recs[0]), testing::EndsWith(" /mnt ext4 " + row.record));
+        EXPECT_EQ(row.log, take_log());
+        free(table->recs[0].verity_loc);  // outlives the table
         fs_mgr_free_fstab(table);
     }
-    set_property("ro.boot.slot_suffix", "");
-}
-
-TEST(fs_mgr_fstab, values) {
-    struct fstab *table = load(
-        "d / ext4 ro forcefdeorfbe=footer,keydirectory=/k,verifyx=/v=1,voldmanaged=sdcard1:auto,"
-        "length=-0x10,swapprio=010,max_comp_streams=0x100000002,zramsize=4294967297,"
-        "reservedsize=010k,eraseblk=0x20000,eraseblk=1,logicalblk=12288,sysfs_path=/s\n"
-        "d / ext4 ro "
-        "bogus=1,fileencryption=ice,voldmanaged=x:0x100000003,reservedsize=5g7,zramsize=100%,"
-        "length=99999999999999999999\n"
-        "d / ext4 ro fileencryption=aes-256-xts:aes-256-heh,reservedsize=0x10\n");
-    ASSERT_NE(nullptr, table);
-    EXPECT_EQ("E [libfs_mgr]Warning: unknown flag bogus=1\n", take_log());
-    const struct fstab_rec &full = table->recs[0];
-    EXPECT_EQ(0xdb103b0, full.fs_mgr_flags);
-    EXPECT_STREQ("footer", full.key_loc);
-    EXPECT_STREQ("/k", full.key_dir);
-    EXPECT_STREQ("/v=1", full.verity_loc);
-    EXPECT_STREQ("sdcard1", full.label);
-    EXPECT_EQ(-1, full.partnum);
-    EXPECT_EQ(-16, full.length);
-    EXPECT_EQ(8, full.swap_prio);
-    EXPECT_EQ(2, full.max_comp_streams);
-    EXPECT_EQ(1U, full.zram_size);
-    EXPECT_EQ(10240U, full.reserved_size);
-    EXPECT_EQ(std::pair(1U, 3U), std::pair(full.file_contents_mode, full.file_names_mode));
-    EXPECT_EQ(131072U, full.erase_blk_size);
-    EXPECT_EQ(0U, full.logical_blk_size);
-    EXPECT_STREQ("/s", full.sysfs_path);
-    const struct fstab_rec &other = table->recs[1];
-    EXPECT_EQ(std::pair(2U, 3U), std::pair(other.file_contents_mode, other.file_names_mode));
-    EXPECT_EQ(3, other.partnum);
-    EXPECT_EQ(5368709120U, other.reserved_size);
-    EXPECT_EQ(INT64_MAX, other.length);
-    EXPECT_EQ(static_cast<uint32_t>(sysconf(_SC_PHYS_PAGES) * sysconf(_SC_PAGESIZE)),
-              other.zram_size);
-    const struct fstab_rec &last = table->recs[2];
-    EXPECT_EQ(std::pair(1U, 4U), std::pair(last.file_contents_mode, last.file_names_mode));
-    EXPECT_EQ(0U, last.reserved_size);
-    EXPECT_EQ(-1, last.swap_prio);
-    free(full.verity_loc);  // outlives the table
-    fs_mgr_free_fstab(table);
 }
 
 TEST(fs_mgr_fstab, sizes_that_overflow_64_bits_abort) {
@@ -121,16 +116,14 @@ TEST(fs_mgr_fstab, lines) {
     struct fstab *table = load(
         "# comment\n \t # comment\n\n \v\f\r\n\t/dev/a  /a\t \text4 ro sysfs_path=/s\r\n"
         "/dev/b#1 /data f2fs x check # wait\n"
-        "\r/dev/c /data/vendor vfat rw wait");
+        "\r/dev/c /data/vendor vfat rw wait,slotselect");
     ASSERT_NE(nullptr, table);
     ASSERT_EQ(3, table->num_entries);
-    const struct fstab_rec *recs = table->recs;
-    EXPECT_STREQ("/dev/a", recs[0].blk_device);
-    EXPECT_EQ(nullptr, recs[0].fs_options);
-    EXPECT_STREQ("/s\r", recs[0].sysfs_path);
-    EXPECT_EQ(2, recs[1].fs_mgr_flags);
-    EXPECT_EQ(nullptr, recs[1].sysfs_path);  // nothing left over from the line before
-    EXPECT_STREQ("\r/dev/c", recs[2].blk_device);
+    EXPECT_EQ("/dev/a /a ext4 1 8000000 - - - - - '/s\r' 0 0 -1 -1 0 0 0 0 0 0 0",
+              describe(table->recs[0]));
+    EXPECT_EQ("/dev/b#1 /data f2fs 0 2 'x' - - - - - 0 0 -1 -1 0 0 0 0 0 0 0",
+              describe(table->recs[1]));
+    EXPECT_STREQ("\r/dev/c_b", table->recs[2].blk_device);
     EXPECT_STREQ("/dev/b#1", find_device(table));  // the first one, not the deepest
     fs_mgr_free_fstab(table);
 

@@ -16,10 +16,8 @@
 #include "guard/device_blocks.h"
 #include "guard/dump_rescue.h"
 #include "tests/support/captured_log.h"
-#include "tests/support/chain_image.h"
 #include "tests/support/files.h"
 #include "tests/support/platform.h"
-#include "tests/support/private_root.h"
 
 static const uint32_t seed = 0x12345678;
 static const std::vector<uint32_t> chain = {5, 6, 9, 8};

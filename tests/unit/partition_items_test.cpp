@@ -48,6 +48,9 @@ TEST(partition_items, every_item_at_its_place) {
                 write_file(partition.path, image);
                 // A byte more than the item: what lies behind it in the caller's memory stays.
                 std::string buffer(length + 1, '#');
+                const int too_much = static_cast<int>(length) + 1;
+                EXPECT_EQ(-EINVAL, mfg_emmc_read(item, &buffer[0], too_much));
+                EXPECT_EQ(-EINVAL, mfg_emmc_write(item, buffer.data(), too_much));
                 // The whole item moves, however little is asked for.
                 EXPECT_EQ(0, mfg_emmc_read(item, &buffer[0], 1));
                 EXPECT_TRUE(buffer == image.substr(offset, length) + "#");
@@ -61,44 +64,44 @@ TEST(partition_items, every_item_at_its_place) {
     }
 }
 
-DEVICE_TEST(partition_items, refusals) {
-    for (const auto &partition : partitions) {
-        write_file(partition.path, "");
-    }
-    char bytes[5] = "kept";
-    // An index past a table's end meets the next tables' rows, and behind them nothing.
-    for (const int item : {0, 302, 24, 55, 100, 131, 211, 300}) {
-        EXPECT_EQ(-EIO, mfg_emmc_read(item, bytes, 0)) << item;
-        EXPECT_EQ(-EIO, mfg_emmc_write(item, bytes, 0)) << item;
-    }
-    EXPECT_EQ(-EINVAL, mfg_emmc_read(13, bytes, 5));
-    EXPECT_EQ(-EINVAL, mfg_emmc_write(13, bytes, 5));
-    // An empty partition, of an item that exists, gives nothing and is no error.
-    EXPECT_EQ(0, mfg_emmc_read(13, bytes, 4));
-    EXPECT_STREQ("kept", bytes);
-    EXPECT_EQ("", read_file(NEWER "misc"));
-}
-
-TEST(partition_items, first_open_fixes_the_directory) {
+TEST(partition_items, results) {
     const struct {
         const char *name;
-        std::vector<const char *> nodes;  // that exist
-        std::vector<int> asked;           // items one after another, negative: does not open
+        std::vector<const char *> nodes;         // that exist
+        std::vector<std::pair<int, int>> asked;  // items one after another, and what comes of it
     } rows[] = {
-        {"the older directory first", {OLDER "misc", NEWER "misc", NEWER "mfg"}, {19, -101}},
-        {"capitals", {NEWER "MFG", NEWER "misc"}, {101, 19}},
-        {"capitals are for mfg alone", {NEWER "MFG", NEWER "misc"}, {-201, -101, 19}},
-        {"the last one tried stays", {OLDER "misc", NEWER "mfg"}, {101, -19}},
-        {"a number out of range settles nothing", {OLDER "misc"}, {-302, 19}},
+        // An index past a table's end meets the next tables' rows, and behind them nothing.
+        {"no such item",
+         {NEWER "misc", NEWER "mfg", NEWER "board_info", NEWER "tool_diag"},
+         {{0, -EIO},
+          {302, -EIO},
+          {24, -EIO},
+          {55, -EIO},
+          {100, -EIO},
+          {131, -EIO},
+          {211, -EIO},
+          {300, -EIO}}},
+        {"the older directory first",
+         {OLDER "misc", NEWER "misc", NEWER "mfg"},
+         {{19, 0}, {101, -EIO}}},
+        {"capitals", {NEWER "MFG", NEWER "misc"}, {{101, 0}, {19, 0}}},
+        {"capitals are for mfg alone",
+         {NEWER "MFG", NEWER "misc"},
+         {{201, -EIO}, {101, -EIO}, {19, 0}}},
+        {"the last one tried stays", {OLDER "misc", NEWER "mfg"}, {{101, 0}, {19, -EIO}}},
+        {"a number out of range settles nothing", {OLDER "misc"}, {{302, -EIO}, {19, 0}}},
     };
     for (const auto &row : rows) {
         on_fresh_device(row.name, [&row] {
             for (const char *node : row.nodes) {
                 write_file(node, "");
             }
-            for (const int item : row.asked) {
-                char buffer[2048];
-                EXPECT_EQ(item < 0 ? -EIO : 0, mfg_emmc_read(abs(item), buffer, 0)) << item;
+            for (const auto &[item, result] : row.asked) {
+                char buffer[2048] = "kept";
+                // An empty partition gives nothing, and is no error.
+                EXPECT_EQ(result, mfg_emmc_read(item, buffer, 0)) << item;
+                EXPECT_STREQ("kept", buffer);
+                EXPECT_EQ(result, mfg_emmc_sync(item)) << item;
             }
         });
     }
