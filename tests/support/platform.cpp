@@ -24,31 +24,11 @@
 
 using android::base::WriteStringToFile;
 
-// Where the new root is put together: a directory that every machine has and no test needs.
-static const std::string new_root = "/sys";
-
 // The machine's /proc, for what the sanitizers and gtest read of their own process.
 static const char real_proc[] = "/.proc/";
 
 // By its number: so the leak check at the end looks for its own process.
 static std::string test_binary_pid;
-
-// Keeps what is mounted from now on inside the process's own namespace. Only a mount point can be
-// told so, and inside a chroot "/" is none. So the mount that it lies on is told, from outside of
-// the chroot: ".." leads there while the working directory is not below the root.
-static bool keep_mounts_private() {
-    const android::base::unique_fd root(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (root == -1 || chdir("/") == -1 || chroot(new_root.c_str()) == -1) {
-        return false;
-    }
-    struct stat here = {};
-    struct stat above = {};
-    do {
-        must(stat(".", &here) == 0 && chdir("..") == 0 && stat(".", &above) == 0, "..");
-    } while (here.st_dev != above.st_dev || here.st_ino != above.st_ino);
-    return mount(nullptr, ".", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && fchdir(root) == 0 &&
-           chroot(".") == 0;
-}
 
 // Root makes a mount namespace just so; anybody else needs to be root of a user namespace first.
 static bool enter_namespace() {
@@ -58,10 +38,9 @@ static bool enter_namespace() {
     if (unshare(CLONE_NEWNS | (is_root ? 0 : CLONE_NEWUSER)) == -1) {
         return false;
     }
-    return (is_root || (WriteStringToFile("deny", "/proc/self/setgroups") &&
-                        WriteStringToFile(uid_map, "/proc/self/uid_map") &&
-                        WriteStringToFile(gid_map, "/proc/self/gid_map"))) &&
-           keep_mounts_private();
+    return is_root || (WriteStringToFile("deny", "/proc/self/setgroups") &&
+                       WriteStringToFile(uid_map, "/proc/self/uid_map") &&
+                       WriteStringToFile(gid_map, "/proc/self/gid_map"));
 }
 
 void mount_tmpfs(const char *path, const char *options) {
@@ -90,8 +69,13 @@ static void empty_device_directories() {
 }
 
 std::string enter_private_root() {
+    // Below /proc, as that is a mount point inside a chroot too: only such a place can be told to
+    // keep what is mounted below it inside the process's own namespace.
+    const std::string new_root = "/proc/sys";
     test_binary_pid = std::to_string(getpid());
-    if (!enter_namespace() || mount("root", new_root.c_str(), "tmpfs", 0, "mode=755") == -1) {
+    if (!enter_namespace() ||
+        mount(nullptr, "/proc", nullptr, MS_REC | MS_PRIVATE, nullptr) == -1 ||
+        mount("root", new_root.c_str(), "tmpfs", 0, "mode=755") == -1) {
         return strerror(errno);
     }
     for (const std::string &path : {std::string("/usr"), std::string("/etc"), std::string("/proc"),
