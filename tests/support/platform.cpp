@@ -141,11 +141,11 @@ static bool fails(const std::string &call) {
     return interrupted || broken;
 }
 
-// The same for a call that fails for nothing else.
-static bool is_interrupted() {
-    const bool interrupted = fails("");
-    platform.calls += interrupted ? 0 : 1;
-    return interrupted;
+// The same for a call that is counted.
+static bool counted_fails(const std::string &call) {
+    const bool failed = fails(call);
+    platform.calls += failed ? 0 : 1;
+    return failed;
 }
 
 // How many bytes of a transfer go through.
@@ -194,22 +194,22 @@ extern "C" {
 int __real_open(const char *path, int flags, mode_t mode);
 int __wrap_open(const char *path, int flags, mode_t mode) {
     platform.open_flags[path] = flags;
-    return is_interrupted() ? -1 : __real_open(path, flags, mode);
+    return counted_fails("open") ? -1 : __real_open(path, flags, mode);
 }
 
 int __real_fsync(int fd);
 int __wrap_fsync(int fd) {
-    return is_interrupted() ? -1 : __real_fsync(fd);
+    return counted_fails("fsync") ? -1 : __real_fsync(fd);
 }
 
 int __real_statvfs(const char *path, struct statvfs *space);
 int __wrap_statvfs(const char *path, struct statvfs *space) {
-    return is_interrupted() ? -1 : __real_statvfs(path, space);
+    return counted_fails("statvfs") ? -1 : __real_statvfs(path, space);
 }
 
 int __real_fstatvfs(int fd, struct statvfs *space);
 int __wrap_fstatvfs(int fd, struct statvfs *space) {
-    return is_interrupted() ? -1 : __real_fstatvfs(fd, space);
+    return counted_fails("fstatvfs") ? -1 : __real_fstatvfs(fd, space);
 }
 
 ssize_t __real_read(int fd, void *buffer, size_t length);
@@ -236,7 +236,7 @@ int __wrap_ioctl(int /* fd */, unsigned long request, ...) {
     va_start(arguments, request);
     void *argument = va_arg(arguments, void *);
     va_end(arguments);
-    if (is_interrupted()) {
+    if (counted_fails("ioctl")) {
         if (request == FIBMAP) {
             *static_cast<int *>(argument) = 0;  // as the kernel leaves it
         }

@@ -29,7 +29,7 @@ struct test_platform {
     int fibmap_calls = 0;
     std::vector<struct fiemap_extent> extents;  // what FIEMAP answers, in the order of the file
     int fiemap_error = 0;                       // errno with which it fails instead
-    // Which of the calls of read, write or lseek to come fails with EIO, from 1; 0: none.
+    // Which call to come of this name fails with EIO, from 1; 0: none.
     std::map<std::string, int> failing;
     // Whether each call is interrupted before it goes through, and each transfer comes in pieces of
     // 0 to 7 bytes.

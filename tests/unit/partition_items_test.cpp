@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include "chain/format/initial_block_header.h"
 #include "tests/support/files.h"
 #include "tests/support/platform.h"
 
@@ -95,4 +96,14 @@ TEST(partition_items, results) {
             }
         });
     }
+}
+
+DEVICE_TEST(partition_items, anchor_that_is_on_flash) {
+    const struct initial_block_header anchor = fresh_initial_block_header(5, 4096, 4, 1);
+    EXPECT_EQ(-EIO, store_anchor(&anchor));
+    write_file(NEWER "misc", "");
+    platform.failing["fsync"] = 1;
+    EXPECT_EQ(-EIO, store_anchor(&anchor));
+    EXPECT_EQ(0, store_anchor(&anchor));
+    EXPECT_EQ(anchor_bytes(5, 4, 1, 1), read_file(NEWER "misc").substr(3184));
 }
