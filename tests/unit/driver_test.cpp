@@ -113,7 +113,7 @@ TEST(driver, runs_that_meet_something) {
         int status;
         testing::Matcher<std::string> log;
         std::string out = before;  // OUT_PATH afterwards
-        std::string anchor = "";   // afterwards; empty: as before
+        std::string anchor = {};   // afterwards; empty: as before
         const char *written = "";  // numbers of the headers that a build leaves on the device
         mode_t mode = 0100644;     // OUT_PATH's afterwards; 0: it is not there
         int calls = 0;             // that go through, where each is interrupted

@@ -62,8 +62,8 @@ TEST(fs_mgr_fstab, columns) {
         {"rootcontext=u:r:t,record,binder,,privateer,Ro avb=vbmeta",
          "45001 2000000 'Ro'" + no_values, ""},
         {"defaults,x check,slotselected_not,verifyatboot=/x", "0 88002 'x'" + no_values, ""},
-        {"ro forceencrypt=/a,encryptable=/b", "1 404 - '/b' - - - - 1028 0 -1 -1 0 0 0 0 0 0 0",
-         ""},
+        {"ro forceencrypt=/a", "1 400 - '/a' - - - - 1024 0 -1 -1 0 0 0 0 0 0 0", ""},
+        {"rw encryptable=/a", "0 4 - '/a' - - - - 4 0 -1 -1 0 0 0 0 0 0 0", ""},
         // 1023 characters of unknown options are kept: with the last comma, or with one more
         // character in its place, which goes instead of it.
         {x_1022 + " wait", "0 1 '" + x_1022 + "'" + no_values, ""},
