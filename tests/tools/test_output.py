@@ -73,6 +73,7 @@ DAMAGES = {
     "block magic": lambda i: i.poke(105, b"gone"),
     "block magic behind the dump": lambda i: i.poke(300, b"gone"),
     "stored crc": lambda i: i.poke(105, bytes(4), 8),
+    "two stored crcs": lambda i: (i.poke(105, bytes(4), 8), i.poke(110, bytes(4), 8)),
     "link outside": lambda i: i.set_link(5, 2048),
     "ends early": lambda i: i.set_link(5, 0),
     "count too small": lambda i: i.set_anchor(n=50, flags=3),

@@ -1,5 +1,5 @@
-"""Any dump, over blocks in any order, in a copy of the partition that ends anywhere: write lays it as
-the layout says, pull saves what is there, and nothing else."""
+"""Any dump, over blocks in any order, in a copy of the partition that ends anywhere: write lays it
+as the layout says, pull saves what is there, and nothing else."""
 
 import os
 import random
