@@ -65,18 +65,20 @@ static int write_file_data(const uint8_t *data, uint64_t count) {
     return 0;
 }
 
-// Whether a file cannot be opened under any circumstances, for what the dump calls it.
-static bool is_names_own_fault(int error, const char *name) {
+// Whether it is not the name's own fault that the file cannot be opened.
+static bool is_storage_error(int error, const char *name) {
     switch (error) {
-        case EISDIR:
-        case ELOOP:
-        case ENAMETOOLONG:
-        case ENOENT:
-        case ENOTDIR:
+        case EDQUOT:
+        case EIO:
+        case EMFILE:
+        case ENFILE:
+        case ENOMEM:
+        case ENOSPC:
             return true;
         case EACCES:
         case EPERM:
-            return strchr(name, '/') != nullptr;  // it leads out of the dump directory
+        case EROFS:
+            return strchr(name, '/') == nullptr;  // else it leads out of the dump directory
         default:
             return false;
     }
@@ -100,7 +102,7 @@ static int begin_file(const uint8_t *data) {
     log_error("full path: %s\n", path);
     output = fopen(path, "wb");
     if (output == nullptr) {
-        if (!is_names_own_fault(errno, name)) {
+        if (is_storage_error(errno, name)) {
             note_storage_error(errno);
         }
         log_info("Could not open file '%s' for writing\n", path);

@@ -24,10 +24,10 @@ struct comparison {
     struct block_run run;   // the blocks that are looked at
     struct block_run next;  // those that follow; no blocks behind the last run
     bool every_header;
-    bool has_bad_crc;  // said already
-    uint64_t runs;     // found good
-    uint64_t headers;  // read
-    uint32_t crc;      // running CRC up to here
+    bool has_bad_header;  // said already
+    uint64_t runs;        // found good
+    uint64_t headers;     // read
+    uint32_t crc;         // running CRC up to here
 };
 
 static enum chain_comparison cannot_look(const char *what) {
@@ -91,21 +91,24 @@ static enum chain_comparison compare_header(struct comparison *work, uint64_t i,
     if (header.magic != block_header_magic) {
         return differs(work, "bad magic", index, place);
     }
-    if (header.next_block == next && header.crc32 == work->crc) {
-        return chain_matches;
-    }
     const bool is_link_good = header.next_block == next;
-    if (is_link_good && work->has_bad_crc) {
+    const bool is_crc_good = header.crc32 == work->crc;
+    // Each of the two says where this block and the next one lie: one of them is enough.
+    const bool is_in_place = is_link_good || is_crc_good;
+    if (is_in_place && (is_link_good == is_crc_good || work->has_bad_header)) {
         return chain_matches;
     }
     // The next block's place is part of what was found wrong.
     enum chain_comparison found = next == 0 ? chain_differs : confirm(work, index + 1, next, 0);
     if (found == chain_differs) {
-        found = differs(work, is_link_good ? "bad CRC" : "it leads elsewhere", index, place);
+        const char *reason = !is_in_place   ? "it leads elsewhere"
+                             : is_link_good ? "bad CRC"
+                                            : "bad link";
+        found = differs(work, reason, index, place);
     }
-    if (found == chain_differs && is_link_good) {
+    if (found == chain_differs && is_in_place) {
         // The rest decides whether the service would find all of a dump.
-        work->has_bad_crc = true;
+        work->has_bad_header = true;
         return chain_matches;
     }
     return found;
@@ -135,6 +138,9 @@ static enum chain_comparison compare_run(struct comparison *work) {
 }
 
 static enum chain_comparison compare_runs(struct comparison *work) {
+    work->crc = work->anchor->crc32;
+    work->runs = work->headers = 0;
+    start_extents(&work->extents, work->file, work->anchor->block_length, work->anchor->n_blocks);
     if (next_run(&work->extents, &work->run) == -1) {
         return cannot_look("FIEMAP");
     }
@@ -185,11 +191,15 @@ enum chain_comparison compare_chain(int file, const struct initial_block_header 
     work.anchor = anchor;
     work.device = device;
     work.every_header = every_header;
-    work.crc = anchor->crc32;
-    start_extents(&work.extents, file, block_length, n_blocks);
-    const enum chain_comparison found = compare_runs(&work);
-    if (found == chain_matches && work.has_bad_crc) {
-        return chain_has_bad_crc;
+    enum chain_comparison found = compare_runs(&work);
+    if (found == chain_matches && work.has_bad_header && !every_header) {
+        // Where the CRC is wrong at a run's end, it says nothing of the blocks before it: an old
+        // link within the run would be one that leads to other places.
+        work.every_header = true;
+        found = compare_runs(&work);
+    }
+    if (found == chain_matches && work.has_bad_header) {
+        return chain_has_bad_header;
     }
     if (found == chain_matches) {
         guard_info("the chain is the map file's: %lu blocks in %lu runs, %lu headers read\n",

@@ -9,9 +9,10 @@ struct initial_block_header;
 
 enum chain_comparison {
     chain_matches,
-    // Every block is where the chain has it, and leads to the next; but a CRC is wrong. The service
-    // finds a dump in it whole, the boot side takes it for no chain.
-    chain_has_bad_crc,
+    // Every block is where the chain has it, as each header's link or CRC says; but the other of
+    // the two is wrong somewhere. The service finds a dump in it whole, the boot side takes it for
+    // no chain.
+    chain_has_bad_header,
     // The file system agrees, asked a second time in the way that the chain was built by.
     chain_differs,
     // It does not agree: nothing may be changed.

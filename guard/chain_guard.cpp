@@ -100,10 +100,13 @@ static enum guard_status save_and_start_over(struct guarded_map *map,
     if (copied == dump_is_copied) {
         return leave_dump_to_service();
     }
-    if (walked->unreadable) {
+    const enum copied_dump begun =
+        walked->position == 0 ? find_dump_at_beginning(map) : dump_is_not_copied;
+    if (walked->unreadable || copied == dump_cannot_be_looked_for ||
+        begun == dump_cannot_be_looked_for) {
         // It may be read at another start, or from an image: nothing is touched until then.
         guard_error("the pending dump cannot be read: it stays, and nothing is started: %s\n",
-                    walked->fault);
+                    walked->unreadable ? walked->fault : "the map file");
         return guard_refuses;
     }
     if (copied == dump_may_be_copied) {
@@ -111,7 +114,7 @@ static enum guard_status save_and_start_over(struct guarded_map *map,
         guard_error("the map file may hold the pending dump: it stays, and nothing is started\n");
         return guard_refuses;
     }
-    if (walked->position == 0 && file_begins_dump(map)) {
+    if (begun == dump_is_copied) {
         // The service needs neither CRCs nor the anchor's other fields to find it.
         guard_error("the map file begins with a dump: it is left to the service\n");
         return guard_done;
@@ -126,8 +129,10 @@ static enum guard_status save_and_start_over(struct guarded_map *map,
 
 static enum guard_status put_right(struct guarded_map *map) {
     // A slip on the command line must not cost the anchor, or somebody else's file.
-    if (strncmp(map->path, map_directory, strlen(map_directory)) != 0) {
-        guard_error("nothing is changed: %s is not below %s\n", map->path, map_directory);
+    const size_t length = strlen(map_directory);
+    if (strncmp(map->path, map_directory, length) != 0 ||
+        strchr(map->path + length, '/') != nullptr) {
+        guard_error("nothing is changed: %s is not in %s\n", map->path, map_directory);
         return guard_cannot_look;
     }
     const struct chain_links walked = walk_old_chain(map);
@@ -155,17 +160,17 @@ enum guard_status guard_chain(const char *map_path, bool every_header) {
         case chain_matches:
             if (!is_still_at_its_path(&map)) {
                 guard_error("cannot look: %s: %s\n", map.path, strerror(errno));
-                return guard_cannot_look;
+                return is_dump_pending(map.anchor.flags) ? guard_refuses : guard_cannot_look;
             }
             publish("good");
             pin_map_file(map.file, first_in_boot);
             return guard_done;
-        case chain_has_bad_crc:
-            if (is_dump_pending(map.anchor.flags)) {
-                publish("broken");
-                return leave_dump_to_service();
-            }
-            return put_right(&map);
+        case chain_has_bad_header: {
+            const enum guard_status status =
+                is_dump_pending(map.anchor.flags) ? leave_dump_to_service() : put_right(&map);
+            publish("broken");  // wherever the header is
+            return status;
+        }
         case chain_differs:
             return put_right(&map);
         case chain_disputed:

@@ -4,9 +4,11 @@
 // How the guard's work ended; the program's exit status.
 enum guard_status {
     guard_done = 0,         // all was well, or is now
-    guard_cannot_look = 1,  // or could not put right what it found; nothing was lost by it
+    guard_cannot_look = 1,  // or could not put right what it found; the service is started
     guard_bad_usage = 2,
-    guard_refuses = 3,  // a pending dump could not be read or stored: nothing may touch the chain
+    // A pending dump could not be read or stored, or somebody has to choose where from: nothing may
+    // touch the chain.
+    guard_refuses = 3,
     guard_cannot_start = 4,
 };
 

@@ -24,7 +24,8 @@ struct copied_chain {
     uint32_t link;               // where the chain has the next one
     uint32_t crc;                // running CRC up to here
     bool is_seen;                // a block was found in both places, with the same bytes
-    bool is_in_doubt;            // one has lost its old place, and holds more than the fill
+    bool is_in_doubt;            // one behind the break holds more than the fill
+    bool is_unreadable;          // one cannot be read, or the file system does not tell where it is
 };
 
 // Whether a block holds nothing but the fill behind its header.
@@ -38,6 +39,7 @@ static bool is_fresh(const uint8_t *block, uint32_t block_length) {
 static bool is_next(struct copied_chain *chain, uint64_t place) {
     const uint8_t *copy = read_in_order(&chain->here, place);
     if (copy == nullptr) {
+        chain->is_unreadable = true;
         return false;
     }
     struct block_header header;
@@ -53,10 +55,10 @@ static bool is_next(struct copied_chain *chain, uint64_t place) {
                 return false;
             }
             chain->is_seen |= chain->position < chain->n_before;
-        } else {
-            chain->is_in_doubt |= !is_fresh(copy, chain->here.block_length);
         }
     }
+    chain->is_in_doubt |=
+        chain->position >= chain->n_before && !is_fresh(copy, chain->here.block_length);
     chain->crc = crc;
     chain->link = header.next_block;
     ++chain->position;
@@ -73,13 +75,17 @@ static bool follow(struct copied_chain *chain, struct chain_extents *extents) {
             }
         }
     }
+    chain->is_unreadable |= more == -1;
     return more == 0 && chain->link == 0;
 }
 
 enum copied_dump find_copied_dump(const struct guarded_map *map, const struct chain_links *walked) {
     const struct initial_block_header *anchor = &map->anchor;
     struct stat map_stat;
-    if (map->file == -1 || map->device.buffer == nullptr || fstat(map->file, &map_stat) != 0 ||
+    if (map->file != -1 && fstat(map->file, &map_stat) != 0) {
+        return dump_cannot_be_looked_for;
+    }
+    if (map->file == -1 || map->device.buffer == nullptr ||
         static_cast<uint64_t>(map_stat.st_blksize) != anchor->block_length ||
         static_cast<uint64_t>(map_stat.st_size) / anchor->block_length != anchor->n_blocks) {
         return dump_is_not_copied;
@@ -97,30 +103,44 @@ enum copied_dump find_copied_dump(const struct guarded_map *map, const struct ch
     const bool follows = is_open && follow(&chain, &extents);
     close_device_blocks(&chain.here);
     close_device_blocks(&chain.there);
+    if (!is_open || chain.is_unreadable) {
+        return dump_cannot_be_looked_for;
+    }
     if (follows && chain.is_seen) {
         return dump_is_copied;
     }
     return follows && chain.is_in_doubt ? dump_may_be_copied : dump_is_not_copied;
 }
 
-bool file_begins_dump(const struct guarded_map *map) {
+enum copied_dump find_dump_at_beginning(const struct guarded_map *map) {
+    if (map->file == -1) {
+        return dump_is_not_copied;
+    }
     struct stat map_stat;
     int block = 0;
-    if (map->file == -1 || fstat(map->file, &map_stat) != 0 || map_block(map->file, &block) != 0 ||
-        block <= 0) {
-        return false;
+    if (fstat(map->file, &map_stat) != 0 || map_block(map->file, &block) != 0) {
+        return dump_cannot_be_looked_for;
     }
-    struct block_header block_start = {};
-    struct dump_file_header file_start = {};
+    const uint32_t block_length = static_cast<uint32_t>(map_stat.st_blksize);
+    if (block <= 0 || !is_block_length(block_length)) {
+        return dump_is_not_copied;
+    }
+    enum copied_dump found = dump_cannot_be_looked_for;
     struct device_blocks device;
-    if (open_device_blocks(map->device_path, static_cast<uint32_t>(map_stat.st_blksize), &device) ==
-        0) {
-        const uint8_t *bytes = read_alone(&device, static_cast<uint64_t>(block));
-        if (bytes != nullptr) {
-            memcpy(&block_start, bytes, sizeof(block_start));
-            memcpy(&file_start, bytes + sizeof(block_start), sizeof(file_start));
-        }
+    const uint8_t *bytes = nullptr;
+    if (open_device_blocks(map->device_path, block_length, &device) == 0) {
+        bytes = read_alone(&device, static_cast<uint64_t>(block));
+    }
+    if (bytes != nullptr) {
+        struct block_header block_start;
+        struct dump_file_header file_start;
+        memcpy(&block_start, bytes, sizeof(block_start));
+        memcpy(&file_start, bytes + sizeof(block_start), sizeof(file_start));
+        found =
+            block_start.magic == block_header_magic && file_start.magic == dump_file_header_magic
+                ? dump_is_copied
+                : dump_is_not_copied;
     }
     close_device_blocks(&device);
-    return block_start.magic == block_header_magic && file_start.magic == dump_file_header_magic;
+    return found;
 }

@@ -36,8 +36,13 @@ static int check_saved_files() {
         return errno;
     }
     int error = 0;
-    for (const struct dirent *entry = readdir(directory); entry != nullptr && error == 0;
-         entry = readdir(directory)) {
+    while (error == 0) {
+        errno = 0;
+        const struct dirent *entry = readdir(directory);
+        if (entry == nullptr) {
+            error = errno;
+            break;
+        }
         const int file = static_cast<int>(TEMP_FAILURE_RETRY(openat(
             dirfd(directory), entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
         if (file == -1 || TEMP_FAILURE_RETRY(fsync(file)) != 0) {

@@ -133,7 +133,7 @@ DEVICE_TEST(guard, many_extents) {
         platform.fibmap.push_back({static_cast<int>(block)});
     }
     write_file_at(DEVICE_PATH, 2599 * block_length + 8, "1234");
-    EXPECT_EQ(chain_has_bad_crc, compare(blocks, 2600));
+    EXPECT_EQ(chain_has_bad_header, compare(blocks, 2600));
     EXPECT_EQ("E map file and chain differ at block 899, device block 2599: bad CRC\n", take_log());
     // It hides nothing that comes behind it.
     write_file_at(DEVICE_PATH, blocks[1] * block_length + 8, "1234");
@@ -143,6 +143,22 @@ DEVICE_TEST(guard, many_extents) {
         "E map file and chain differ at block 1, device block 998: bad CRC\n"
         "E map file and chain differ at block 899, device block 2599: bad magic\n",
         take_log());
+}
+
+// The file's tail has moved next to its head, headers and all: the old link is within the run.
+DEVICE_TEST(guard, a_moved_tail) {
+    const std::vector<uint32_t> old = {5, 6, 10, 11};
+    make_chain(old);
+    platform.extents = {extent(0, 5, 2), extent(2, 10, 2)};
+    platform.fibmap = {{5}, {6}, {10}, {11}};
+    write_file_at(DEVICE_PATH, 6 * block_length + 4, "1234");
+    EXPECT_EQ(chain_has_bad_header, compare(old, 16));
+    make_chain(old);
+    platform.extents = {extent(0, 5, 4)};
+    platform.fibmap = {{5}, {6}, {7}, {8}};
+    const std::string tail = read_file(DEVICE_PATH).substr(10 * block_length);
+    write_file_at(DEVICE_PATH, 7 * block_length, tail);
+    EXPECT_EQ(chain_differs, compare(old, 16)) << take_log();
 }
 
 // What becomes of a dump whose blocks change, or are kept back, while it is saved.
