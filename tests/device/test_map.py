@@ -6,11 +6,12 @@ import pytest
 from chain_image import ANCHOR_MAGIC, ANCHOR_OFFSET, SEED, headers
 from conftest import FIRST_STEPS
 from emulated import BLOCK, DATA_START, MAP, read_disk
-from phone import (COUNT, DATA, MAP_SIZE, MISC, NODES, anchor_of, check, found_device, is_untouched,
-                   opened, tool_log, writes)
+from phone import (COUNT, DATA, MAP_SIZE, MISC, NODES, Step, anchor_of, boot, chain_of, check,
+                   found_device, is_untouched, opened, tool_log, writes)
 
 CHUNKS = MAP_SIZE // 65536
 USERDATA = f"{NODES}userdata"
+LARGE = 36 << 20  # enough for all lines of progress, and for the memory that it must not take
 
 
 @pytest.mark.parametrize("run_name", FIRST_STEPS)
@@ -67,3 +68,18 @@ def test_calls(first_boot):
     assert opened(runs["build"])[USERDATA] == "O_WRONLY"
     assert opened(runs["walk"])[USERDATA] == opened(runs["copy"])[USERDATA] == "O_RDONLY|O_SYNC"
     assert opened(runs["copy"])["/host/4/raw"] == "O_WRONLY|O_CREAT|O_TRUNC, 0666"
+
+
+def test_a_large_map(prepared):
+    phone, _ = prepared
+    [run] = boot(phone, [Step(f"""rm {MAP}
+        sync
+        stat -f -c %a /data
+        tarnix -s -c {LARGE} -r /data/out {MAP}
+        echo 3 >/proc/sys/vm/drop_caches
+        cmp /data/out {MAP}""", says=[
+            "I 256/576", "I 8192/9216",
+            f"I raw_read_blocks: 1 avail, {LARGE // BLOCK} blocks needed", "I Success"])])
+    # Without what the file system keeps for root.
+    assert f"available_space: {int(run.shell) * BLOCK}\n" in run.text
+    assert len(chain_of(phone)) == LARGE // BLOCK and is_untouched(phone)

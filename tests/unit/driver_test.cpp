@@ -1,4 +1,4 @@
-// What a whole run on the emulated device cannot be brought to (tests/device has the rest).
+// Whole runs that meet something: damage, calls that fail, no space (tests/device has the others).
 #include <android-base/strings.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -12,6 +12,7 @@
 #include "tests/support/files.h"
 #include "tests/support/platform.h"
 
+using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 
@@ -82,6 +83,10 @@ static std::function<void()> room(uint64_t bytes, const char *ram = "4.5") {
     };
 }
 
+static void lose_anchor() {
+    write_file_at(MISC_PATH, 3184, std::string(24, '\0'));
+}
+
 // Each call is interrupted once, each transfer comes in pieces, and OUT_PATH is a new file.
 static void interrupt() {
     must(unlink(OUT_PATH) == 0, OUT_PATH);
@@ -97,7 +102,8 @@ static void interrupt() {
 #define EXTRACT "-s " MAP_PATH
 #define FIRST_HEADER "I first block_header = {magic=0x6e684342, next_block=0x6, crc32=0x36ba5b6c}\n"
 #define OPENED "I Opened " OUT_PATH " for writing\n"
-#define REFUSED(size) "requested size: " #size "\nE create_file failed\n"
+#define NOT_CREATED "E create_file failed\n"
+#define REFUSED(size) "requested size: " #size "\n" NOT_CREATED
 
 TEST(driver, runs_that_meet_something) {
     const std::vector<std::string> contents = block_contents();
@@ -138,6 +144,24 @@ TEST(driver, runs_that_meet_something) {
          EndsWith(FIRST_HEADER "E CRC32 mismatch at block 6, got 34333231, expecting 33656626\n"
                                "I Read 4 blocks successfully\n"
                                "W Integrity of chain not verified due to CRC mismatch\n")},
+        {"walk, a bad magic behind a bad CRC", WALK,
+         [] {
+             write_file_at(DEVICE_PATH, 6 * block_length + 8, "1234");
+             write_file_at(DEVICE_PATH, 9 * block_length, "gone");
+         },
+         -ENOENT, EndsWith("expecting 33656626\nE Bad magic at block 9, got 656e6f67\n")},
+        {"walk, no place for the first block", WALK, place(0, 7, EPERM), 0,
+         HasSubstr("E Failed to get block 0 for file " MAP_PATH ": Operation not permitted\n")},
+        {"walk, no anchor", WALK, lose_anchor, 0,
+         AllOf(HasSubstr("I initial_block_header.magic        = 0\n"),
+               EndsWith(" for reading\nI Read 0 blocks successfully\n"))},
+        // By the anchor that the run found, which is not on the disk any more.
+        {"walk, a new map", "-t " BUILD NEW, room(20480), 0,
+         EndsWith(FIRST_HEADER "I Read 4 blocks successfully\n"), before, cleared},
+        {"walk, no map", WALK, fail("open", 1), -1,
+         EndsWith("E failed to open " MAP_PATH " for reading: Input/output error\n")},
+        {"walk, no device", WALK, fail("open", 2), -1,
+         EndsWith("E failed to open blk_dev:" DEVICE_PATH " for reading: Input/output error\n")},
         {"walk, a seek fails", WALK, fail("lseek", 2), -1,
          EndsWith(FIRST_HEADER "E error seeking to block 00000006: Input/output error\n")},
         {"walk, a read fails", WALK, fail("read", 2), -1,
@@ -152,6 +176,12 @@ TEST(driver, runs_that_meet_something) {
          [] { leave_free("/dev/block", 5 * block_length); }, -ESRCH,
          EndsWith("E raw_read_blocks: Not enough space available to write ramdump 5 avail, "
                   "need 4 blocks\n")},
+        {"copy, no map", COPY, fail("open", 1), -1,
+         EndsWith("E failed to open infile:" MAP_PATH " for reading: Input/output error\n")},
+        {"copy, no device", COPY, fail("open", 2), -1,
+         EndsWith("E failed to open blk_dev:" DEVICE_PATH " for reading: Input/output error\n")},
+        {"copy, no place for the file", COPY, fail("open", 3), -1,
+         EndsWith("E failed to open outfile:" OUT_PATH " for writing: Input/output error\n")},
         {"copy, a hole", COPY, place(1, 0), 0, EndsWith(OPENED "I Success\n"),
          contents[0] + std::string(block_length, 'd') + contents[2] + contents[3]},
         {"copy, no place for a block", COPY, place(1, 7, EIO), -1,
@@ -160,6 +190,14 @@ TEST(driver, runs_that_meet_something) {
          EndsWith(OPENED "E error seeking to block 00000006: Input/output error\n"), contents[0]},
         {"copy, a write fails", COPY, fail("write", 2), -1,
          EndsWith(OPENED "E error writing: Input/output error\n"), contents[0]},
+        {"build, no right to create", BUILD NEW, fail("open", 1), -1,
+         EndsWith("E failed to open file:" NEW " for writing: Input/output error\n" NOT_CREATED)},
+        {"build, no map", BUILD NEW, fail("open", 2), -1,
+         EndsWith("E failed to open fd for reading: Input/output error\n"), before, cleared},
+        {"build, no device", BUILD NEW, fail("open", 3), -1,
+         EndsWith("I  file size: 20479 bytes, 4 full blocks available\n"
+                  "E failed to open blk_dev for writing: Input/output error\n"),
+         before, cleared},
         {"build, a hole", BUILD NEW, place(2, 0), -1,
          EndsWith("}<no line end>\nE refusing to write to block 0\n"), before, cleared, "0"},
         {"build, no place for a block", BUILD NEW, place(2, 7, EIO), -1,
@@ -186,6 +224,8 @@ TEST(driver, runs_that_meet_something) {
         {"map, a byte too many", "-a 1048577 /vendor/map", room(1048576), -1,
          EndsWith("E create_file: Not enough space available to create ramdump file: /vendor/map, "
                   "avail space: 1048576, " REFUSED(1048577))},
+        {"map, no size", "-a /size " OUT_PATH, lose_anchor, -1,
+         EndsWith("E auto create is not supported yet!!\n" NOT_CREATED), ""},
         {"map, half a GiB", "-s /none", room(4096, "4.5"), -1, EndsWith(REFUSED(5905580032))},
         {"map, one digit", "-s /none", room(4096, "12"), -1, EndsWith(REFUSED(2147483648))},
         {"map, no RAM size", "-p -s /none", room(4096, ""), -1, EndsWith(REFUSED(1073741823))},
@@ -198,7 +238,7 @@ TEST(driver, runs_that_meet_something) {
              must(unlink(OUT_PATH) == 0, OUT_PATH);
              platform.failing["write"] = 2;
          },
-         -1, EndsWith("E error writing: Input/output error\nE create_file failed\n"),
+         -1, EndsWith("E error writing: Input/output error\n" NOT_CREATED),
          std::string(65536, '\xFF'), "", "", 0100640},
         {"flags that are no dump", EXTRACT,
          [] { write_file_at(MISC_PATH, 3204, "\xfd\xff\xff\xff"); }, 0,
