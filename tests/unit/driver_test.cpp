@@ -1,4 +1,4 @@
-// Whole runs that meet something: damage, calls that fail, no space (tests/device has the others).
+// Whole runs that meet something: damage, calls that fail, shut gates (tests/device has the rest).
 #include <android-base/strings.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -85,6 +85,10 @@ static std::function<void()> room(uint64_t bytes, const char *ram = "4.5") {
 
 static void lose_anchor() {
     write_file_at(MISC_PATH, 3184, std::string(24, '\0'));
+}
+
+static std::function<void()> property(const char *name, const char *value) {
+    return [=] { set_property(name, value); };
 }
 
 // Each call is interrupted once, each transfer comes in pieces, and OUT_PATH is a new file.
@@ -214,6 +218,30 @@ TEST(driver, runs_that_meet_something) {
         // The first write fills the map file.
         {"build, a header's write fails", BUILD NEW, fail("write", 3), 0,
          HasSubstr("E error writing: Input/output error\n"), before, rebuilt, "023"},
+        {"gate, security on", "-x", property("ro.sf", "1"), 0,
+         "I tarnix_v3 start!!\nI security on, exit\n"},
+        {"gate, no radio flag", "-x", property("ro.boot.qorramdump", ""), 0,
+         EndsWith("jobs\nE fail to get ro.boot.qorramdump, exit\n")},
+        {"gate, another radio flag", "-x", property("ro.boot.qorramdump", "1 "), 0,
+         EndsWith("jobs\nE ro.boot.qorramdump (radio flag) is not enabled, exit\n")},
+        {"no path", "-p", [] { must(unlink(MAP_PATH) == 0, MAP_PATH); }, 1,
+         EndsWith("I converting it.\nI input_path set to " MAP_PATH
+                  "\nE failed to convert " MAP_PATH
+                  " to absolute path: No such file or directory<no line end>\n")},
+        {"no hardware", MAP_PATH, property("ro.hardware", ""), 1,
+         EndsWith("E failed to get ro.hardware\nE failed to get ro.hardware\n")},
+        {"second fstab, an encrypted disk", "-i 5 " MAP_PATH,
+         [] {
+             set_property("ro.crypto.state", "encrypted");
+             write_file("/fstab.virt", "dev\n");
+             write_file("/vendor/etc/fstab.virt", DEVICE_PATH " /data ext4 ro encryptable=x\n");
+         },
+         0,
+         EndsWith("E [libfs_mgr]Error parsing mount_point\n"
+                  "E [libfs_mgr]fs_mgr_read_fstab(): failed to load fstab from : '/fstab.virt'\n"
+                  "E failed to read /fstab.virt\nI   block dev: " DEVICE_PATH
+                  "\nI encryptable: yes\nI   encrypted: yes\nI initial CRC: 00000005\n"
+                  "I initializing block chain (i=00000005)\nI Success\n")},
         // Wherever the file goes, the space is the data partition's.
         {"map, all the space", "-a 1048576 /vendor/map", room(1048576), 1,
          EndsWith("I Creating reserved area 1048576 bytes\nI 0/16\nI 16/16\n"

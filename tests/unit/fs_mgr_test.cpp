@@ -78,6 +78,10 @@ TEST(fs_mgr_fstab, columns) {
          "0 202130 - - - - 'x' - 0 9223372036854775807 3 -1 0 " + std::to_string(memory) +
              " 5368709120 2 3 0 0",
          "E [libfs_mgr]Warning: unknown flag bogus=1\n"},
+        {"rw voldmanaged=a,fileencryption=b:c", "0 2010 -" + no_values,
+         "E [libfs_mgr]Warning: voldmanaged= flag malformed\n"
+         "E [libfs_mgr]Unknown file contents encryption mode: b\n"
+         "E [libfs_mgr]Unknown file names encryption mode: c\n"},
         {"rw fileencryption=aes-256-xts:aes-256-heh,reservedsize=0x10,logicalblk=4096",
          "0 1202000 - - - - - - 0 0 -1 -1 0 0 0 1 4 0 4096", ""},
     };
@@ -114,12 +118,12 @@ TEST(fs_mgr_fstab, lines) {
     // Comments, blanks, a carriage return that stays, a "#" that is data, text after the fifth
     // field, no newline at the end.
     struct fstab *table = load(
-        "# comment\n \t # comment\n\n \v\f\r\n\t/dev/a  /a\t \text4 ro sysfs_path=/s\r\n"
+        "# comment\n \t # comment\n\n \v\f\r\n\t/dev/a  /dat\t \text4 ro sysfs_path=/s\r\n"
         "/dev/b#1 /data f2fs x check # wait\n"
         "\r/dev/c /data/vendor vfat rw wait,slotselect");
     ASSERT_NE(nullptr, table);
     ASSERT_EQ(3, table->num_entries);
-    EXPECT_EQ("/dev/a /a ext4 1 8000000 - - - - - '/s\r' 0 0 -1 -1 0 0 0 0 0 0 0",
+    EXPECT_EQ("/dev/a /dat ext4 1 8000000 - - - - - '/s\r' 0 0 -1 -1 0 0 0 0 0 0 0",
               describe(table->recs[0]));
     EXPECT_EQ("/dev/b#1 /data f2fs 0 2 'x' - - - - - 0 0 -1 -1 0 0 0 0 0 0 0",
               describe(table->recs[1]));
