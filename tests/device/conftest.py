@@ -61,12 +61,6 @@ def prepared(first_boot, tmp_path):
 
 
 @pytest.fixture(scope="module")
-def phone_and_chain(first_boot, tmp_path_factory):
-    """The same for a module."""
-    return copied(first_boot, tmp_path_factory.mktemp("module"))
-
-
-@pytest.fixture(scope="module")
 def runs(request, phone_and_chain):
     """The step and the run by name, of all that the module's steps() gives: one boot."""
     phone, chain = phone_and_chain
