@@ -104,6 +104,7 @@ def test_panic_and_crash_loop(tmp_path):
     assert re.findall(r"reserved: (\w+) (\w+)", info) == re.findall(
         r"reg = <0 (\w+) 0 (\w+)>", firmware.reserved_nodes(MEMORY))
     assert b"sysrq triggered crash" in (dump / "ramoops.bin").read_bytes()
+    assert "sysrq triggered crash" in run(f"{REPO}/emulator/kernel-log", dump).stdout
 
 
 def test_hang_and_power_cut(tmp_path):
