@@ -49,12 +49,10 @@ def test_build_file_builds_every_source_with_the_trees_options(judge):
     ("local_include_dirs:", "local_includes:", 'unrecognized property "local_includes"'),
     ('"libz",', '"libzip",', 'depends on undefined module "libzip"'),
     ("chain/transfer.cpp", "chain/transport.cpp", "chain/transport.cpp"),
-    ("android/tarnix.rc", "android/tarnix_v2.rc", "android/tarnix_v2.rc"),
 ])
 def test_fault_is_reported_with_its_line(judge, tmp_path, right, wrong, message):
-    text = (REPO / "Android.bp").read_text()
-    assert right in text
-    build_file = write_text(tmp_path / "Android.bp", text.replace(right, wrong, 1))
+    build_file = write_text(tmp_path / "Android.bp",
+                            (REPO / "Android.bp").read_text().replace(right, wrong, 1))
     errors = run(judge, REPO, build_file, cwd=tmp_path, accept=[1]).stderr
     assert re.search(rf"^vendor/crash/tarnix/Android.bp:\d+:\d+: .*{re.escape(message)}", errors,
                      flags=re.M), errors
