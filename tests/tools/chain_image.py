@@ -1,6 +1,5 @@
 """Makes images with a block chain at given physical blocks."""
 
-import os
 import struct
 import zlib
 
@@ -43,8 +42,7 @@ class Image:
         self.blocks = blocks = list(blocks)
         self.misc, self.data = folder / "misc.img", folder / "data.img"
         for path, size in ((self.misc, 2), (self.data, 2048)):
-            path.write_bytes(b"")
-            os.truncate(path, size * BLOCK)
+            path.write_bytes(bytes(size * BLOCK))
         self.set_anchor()
         for block, header in zip(blocks, headers(blocks, SEED)):
             self.poke(block, header)
