@@ -25,7 +25,7 @@ static bool is_plain(const std::string &text, const char *also) {
 }
 
 template <typename command_call>
-static int run(command_call command) {
+static void run(command_call command) {
     FILE *standard[] = {stdout, stderr};
     char *text = nullptr;
     size_t length = 0;
@@ -37,20 +37,6 @@ static int run(command_call command) {
     assert(status == exit_good || status == exit_not_whole || status == exit_unreadable);
     assert(is_plain(std::string(text, length), "\n"));
     free(text);
-    return status;
-}
-
-// A write that is refused changes nothing; of one that is not, pull finds just what was written.
-static void check_write(struct disk_image *image) {
-    const std::string before = read_file("./misc") + read_file("./data");
-    const struct pull_options force = {"out", true, false, false};
-    write_file("./in", "written");
-    if (run([image] { return write_command(image, {"in=in"}, true); }) != exit_good) {
-        assert(before == read_file("./misc") + read_file("./data"));
-        return;
-    }
-    assert(run([&] { return pull_command(image, force); }) == exit_good);
-    assert(list_directory("out").size() == 1 && read_file("out/in") == "written");
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -60,6 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string nothing(initial_block_header_misc_offset, '\0');
     write_file("./misc", nothing + input.substr(0, anchor));
     write_file("./data", nothing.substr(0, data_start) + input.substr(anchor));
+    write_file("./in", "written");
     make_directories("out");
     static std::string error;
     static const auto image = open_disk_image({"", "misc", "data", ""}, true, &error);  // is slow
@@ -81,7 +68,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         unlink(("out/" + name).c_str());
     }
     assert(written <= size);
-    check_write(image.get());
-    unlink("out/in");
+    run([] { return write_command(image.get(), {"in=in"}, true); });
     return 0;
 }
