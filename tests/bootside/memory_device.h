@@ -70,15 +70,14 @@ inline int write_blocks(void *, uint64_t offset, const void *from, size_t length
     return answer('P');
 }
 
-inline uint32_t crc_of(void *, uint32_t start, const void *data, size_t length) {
-    return static_cast<uint32_t>(crc32_z(start, static_cast<const Bytef *>(data), length));
-}
-
 // Makes the device anew, with a data partition and a working buffer of so many bytes.
 inline void make_device(const struct initial_block_header &anchor, uint64_t data_size,
                         size_t buffer_size) {
     device = {anchor, {}, std::vector<unsigned char>(buffer_size), {}, "", 0};
     const auto flush = [](void *) { return answer('F'); };
+    const auto crc_of = [](void *, uint32_t start, const void *data, size_t length) {
+        return static_cast<uint32_t>(crc32_z(start, static_cast<const Bytef *>(data), length));
+    };
     device.port = {nullptr, read_anchor, write_flags, read_blocks,          write_blocks,
                    flush,   crc_of,      data_size,   device.buffer.data(), buffer_size};
 }
@@ -103,18 +102,17 @@ inline void make_chain(uint32_t runs, uint32_t length, size_t buffer_blocks) {
 
 inline named_files read_dump() {
     named_files found;
-    struct dump_sink sink;
-    sink.begin = [&](const struct dump_file &file) {
+    const auto begin = [&](const struct dump_file &file) {
         found.emplace_back(file.name, "");
         return true;
     };
-    sink.data = [&](const unsigned char *data, size_t length) {
+    const auto add = [&](const unsigned char *data, size_t length) {
         found.back().second.append(reinterpret_cast<const char *>(data), length);
         return true;
     };
     struct bootside_walk walk;
     chain_walk_start(&walk, &device.port);
-    read_dump_stream(&walk, sink);
+    read_dump_stream(&walk, {begin, add, nullptr});
     return found;
 }
 
