@@ -48,11 +48,10 @@ def option_path(path):
     return path.replace(",", ",,")
 
 
-def disk_options(disk, log_writes=None, blkdebug=None, snapshot=False):
+def disk_options(disk, log_writes=None, snapshot=False):
     """QEMU's options for the disk image.
 
     log_writes: file that receives every write and flush of the device, in order.
-    blkdebug: file with the rules of QEMU's blkdebug driver, which injects I/O errors.
     snapshot: the device's writes are dropped when it ends."""
     if snapshot:
         options = ["-drive", f"if=none,id=disk,format=raw,snapshot=on,file={option_path(disk)}"]
@@ -68,10 +67,6 @@ def disk_options(disk, log_writes=None, blkdebug=None, snapshot=False):
         options += ["-blockdev", f"driver=file,node-name=log,filename={option_path(log_writes)}",
                     "-blockdev", f"driver=blklogwrites,node-name=logged,file={top},log=log"]
         top = "logged"
-    if blkdebug:
-        options += ["-blockdev", f"driver=blkdebug,node-name=faulty,image={top},"
-                                 f"config={option_path(blkdebug)}"]
-        top = "faulty"
     return options + ["-device", f"virtio-blk-device,id=disk,drive={top},logical_block_size=4096,"
                                  "physical_block_size=4096"]
 

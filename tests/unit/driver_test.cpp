@@ -2,6 +2,8 @@
 #include <android-base/strings.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -97,6 +99,13 @@ static void interrupt() {
     umask(0);
     platform.calls = 0;
     platform.interrupts = true;
+}
+
+// No file gets more: misc has its anchor below, OUT_PATH is as large at the most, the dump's second
+// file, which the C library writes in pieces of 4096 bytes, is larger.
+static void limit_files() {
+    const struct rlimit limit = {4090, 4090};
+    must(signal(SIGXFSZ, SIG_IGN) != SIG_ERR && setrlimit(RLIMIT_FSIZE, &limit) == 0, "a limit");
 }
 
 #define WALK "-t " MAP_PATH
@@ -271,6 +280,15 @@ TEST(driver, runs_that_meet_something) {
                    "E Found file 'nnnnnnnnnnnnnnnnnnnnssssssssrrrrrrrr', size 8319119876378817395\n"
                    "E full path: /data/vendor/ramdump/apq/00/nnnnnnnnnnnnnnnnnnnnssssssssrrrrrrr\n"
                    "E main: grant permission"),
+         file_data, extracted},
+        {"extraction, a read fails", EXTRACT, fail("read", 1), -1,
+         EndsWith("E error reading: Input/output error\nE main: parsing error\n")},
+        {"build, misc cannot be read, a dump pending", BUILD MAP_PATH,
+         [] { must(truncate(MISC_PATH, 3184) == 0, MISC_PATH); }, 0,
+         HasSubstr("E no valid map file is found (magic: 0x0): " MAP_PATH), before, rebuilt,
+         "0123"},
+        {"extraction, no room before a file's end", EXTRACT, limit_files, 0,
+         HasSubstr("I Could not write 4084 bytes<no line end>\nE main: grant permission"),
          file_data, extracted},
         {"extraction, a block less", EXTRACT, room(0x130000000 - block_length), -1,
          EndsWith("requested size: 5100273664\nE main: parsing error\n")},
