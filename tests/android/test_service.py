@@ -3,7 +3,7 @@
 import os
 import re
 
-from emulated import MAP, REPO, SYSROOT, compile_for_device, crash, device, write_text
+from emulated import MAP, REPO, SYSROOT, crash, device, run, write_text
 from test_policy import compile_policy
 
 CREATE = f"--run=-a 1048576 {MAP}"
@@ -52,8 +52,10 @@ def needs(trace):
 
 
 def test_capability_and_policy_are_enough_and_needed(tmp_path):
-    phone, log, trace = tmp_path / "phone", "", ""
-    keep = compile_for_device(REPO / "tests/android/keep_capabilities.c", tmp_path / "keep")
+    phone, keep, log, trace = tmp_path / "phone", tmp_path / "keep", "", ""
+    run(REPO / "emulator/fetch-arm64")
+    run("clang", "--target=aarch64-linux-gnu", f"--sysroot={SYSROOT}", "-fuse-ld=lld", "-Wall",
+        "-Werror", "-o", keep, REPO / "tests/android/keep_capabilities.c")
     name = re.search(r"\n +user root\n(?: .*\n)* +capabilities (\w+)\n",
                      (REPO / "android/tarnix.rc").read_text())[1]
     with open(f"{SYSROOT}/usr/include/linux/capability.h", encoding="utf-8") as stream:

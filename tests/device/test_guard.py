@@ -3,23 +3,15 @@
 import random
 import re
 import struct
-from pathlib import Path
 
-import pytest
 from chain_image import ANCHOR_MAGIC, ANCHOR_OFFSET
-from emulated import BLOCK, MAP, compile_for_device, crash
+from emulated import BLOCK, COPY, MAP, MOVE, REWRITE, crash
 from phone import (APQ, DATA, MAP_SIZE, MISC, NODES, Step, anchor_of, boot, chain_of, is_untouched,
                    pending, poke)
 
 PAYLOAD = BLOCK - 12
 DUMP = {name: random.Random(name).randbytes(size)
         for name, size in {"regs.bin": 5000, "ddr_cs0.bin": 2500000, "last.bin": 1}.items()}
-# f2fs on so small a disk writes in place otherwise.
-MOVE = f"""
-    [ ! -e /sys/fs/f2fs/vda5/ipu_policy ] || echo 0 >/sys/fs/f2fs/vda5/ipu_policy
-    echo 3 >/proc/sys/vm/drop_caches
-    move_blocks --unpin {MAP}
-    """
 # What the run left: the dump, everybody's files, and the chain once more, every header of it.
 LOOK = f"""
     cp -r {APQ} $results/apq || :
@@ -78,9 +70,9 @@ def files_of(run):
             if path.is_file()}
 
 
-def boot_guarded(phone, helper, rows):
+def boot_guarded(phone, rows):
     """One boot with the rows' runs; each but a refusal must leave a chain that is the map's."""
-    runs = boot(phone, [step for _, step in rows], "--file", f"/bin/move_blocks={helper}")
+    runs = boot(phone, [step for _, step in rows])
     state = ""
     for run, (log, step) in zip(runs, rows):
         assert guard_log(run.text) == log
@@ -95,23 +87,17 @@ def boot_guarded(phone, helper, rows):
     return runs
 
 
-@pytest.fixture(name="helper", scope="session")
-def fixture_helper(tmp_path_factory):
-    source = Path(__file__).parent / "move_blocks.c"
-    return compile_for_device(source, tmp_path_factory.mktemp("helper") / "move_blocks")
-
-
-def test_a_pending_dump_is_saved(prepared, helper):
+def test_a_pending_dump_is_saved(prepared):
     phone, _ = prepared
     crash(phone, DUMP)
     flags = f"dd if={MISC} bs=1 skip={ANCHOR_OFFSET + 20} count=1 2>/dev/null >$results/flags\n"
-    runs = boot_guarded(phone, helper, [
+    runs = boot_guarded(phone, [
         # Files get no more than 51,200 bytes: the run is refused.
         guarded(f"{PATTERN}{MOVE}trap '' XFSZ\nulimit -f 100", ELSEWHERE, WHOLE, UNSAFE, status=3,
                 after=""),
         guarded("", ELSEWHERE, WHOLE, SAVED, ANEW),
         # No room: the run is refused, map and flag stay.
-        guarded(pending() + MOVE + FILL, ELSEWHERE, WHOLE, STAYS, status=3,
+        guarded(pending() + COPY + FILL, ELSEWHERE, WHOLE, STAYS, status=3,
                 after=f"[ -e {MAP} ]\nrm /data/f\n{flags}"),
         # The same chain, which holds no file.
         guarded("", ELSEWHERE, WHOLE, SAVED, ANEW),
@@ -121,7 +107,7 @@ def test_a_pending_dump_is_saved(prepared, helper):
 
     chain, broken = chain_of(phone), 70  # a block within the second file
     crash(phone, DUMP)
-    runs = boot_guarded(phone, helper, [
+    runs = boot_guarded(phone, [
         guarded(PATTERN + poke(DATA, chain[broken] * BLOCK, b"gone"),
                 BAD_CRC.replace("CRC", "magic"), off("bad magic"), cut("bad magic"), ANEW,
                 options="--full"),
@@ -135,19 +121,18 @@ def test_a_pending_dump_is_saved(prepared, helper):
     assert is_untouched(phone) and len(chain_of(phone)) == MAP_SIZE // BLOCK
 
 
-def test_a_copied_map(prepared, helper):
+def test_a_copied_map(prepared):
     phone, chain = prepared
     first = "echo 1 | tee /data/other >/data/first\n"  # little: the old blocks may be free
-    copy = f"cp {MAP} {MAP}.copy\nmv {MAP}.copy {MAP}\nsync\n"
     left = LOOK.replace("/vendor/bin/tarnix-guard --full 2>&1", "")  # put right at the next start
 
     def lose(block):
         return poke(DATA, block * BLOCK, b"gone")
 
     # Copied before the crash, and an old block given away after it: the copy knows nothing of it.
-    boot(phone, [Step(f"{copy}tarnix -t {MAP}")])
+    boot(phone, [Step(f"{COPY}tarnix -t {MAP}")])
     crash(phone, DUMP)
-    runs = boot_guarded(phone, helper, [
+    runs = boot_guarded(phone, [
         guarded(first + lose(chain[70]), ELSEWHERE, off("bad magic"), cut("bad magic"), ANEW)])
     assert files_of(runs[0])["regs.bin"] == DUMP["regs.bin"]
     # Left to the service, which goes by the file's own blocks:
@@ -155,7 +140,7 @@ def test_a_copied_map(prepared, helper):
     for rows in [
         # the file was copied after the crash. What is in its old blocks then, now free, depends on
         # the file system;
-        [guarded(first + copy + lose(chain[70]), ELSEWHERE, off("bad magic"), LEFT, after=left),
+        [guarded(first + COPY + lose(chain[70]), ELSEWHERE, off("bad magic"), LEFT, after=left),
          guarded(poke(MISC, ANCHOR_OFFSET, bytes(4)), "I no chain to guard")],
         # the anchor's seed is lost;
         [guarded(first + poke(MISC, ANCHOR_OFFSET + 16, bytes(4)), BAD_CRC, LEFT, after=left),
@@ -167,13 +152,13 @@ def test_a_copied_map(prepared, helper):
          guarded("", ELSEWHERE, off("it ends too early"), ANEW)],
     ]:
         crash(phone, DUMP)
-        runs = boot_guarded(phone, helper, rows)
+        runs = boot_guarded(phone, rows)
         assert files_of(runs[0]) == files_of(runs[1]) == DUMP
     # No old block tells whether the file was copied after the crash: somebody has to choose.
     chain = chain_of(phone)
     crash(phone, DUMP)
-    boot_guarded(phone, helper, [
-        guarded(first + copy + lose(chain[0]), ELSEWHERE, off("bad magic"),
+    boot_guarded(phone, [
+        guarded(first + COPY + lose(chain[0]), ELSEWHERE, off("bad magic"),
                 "E the map file may hold the pending dump: it stays, and nothing is started",
                 status=3, after=f"[ -e {MAP} ]\n"),
         guarded(f"rm {MAP}", MISSING, off("bad magic"), LOST, ANEW),
@@ -181,18 +166,14 @@ def test_a_copied_map(prepared, helper):
     assert is_untouched(phone) and len(chain_of(phone)) == MAP_SIZE // BLOCK
 
 
-def test_nothing_is_pending(prepared, helper, request):
+def test_nothing_is_pending(prepared, request):
     phone, _ = prepared
-    good, stays = [GOOD], ""
-    if "f2fs" in request.node.name:
-        good.append(PINNED)
-        stays = f"\n[ \"$(move_blocks {MAP} 2>&1)\" = '{MAP}: nothing has moved' ]"
+    good = [GOOD, PINNED] if "f2fs" in request.node.name else [GOOD]
     other_device = struct.pack("<6I", ANCHOR_MAGIC, 1000, 512, 1 << 31, 7, 1)
-    boot_guarded(phone, helper, [
-        guarded(PATTERN, *good, tool=f"-t {MAP}", after=stays + LOOK),
-        guarded(MOVE, ELSEWHERE, BEGINS_WELL, ANEW),
+    boot_guarded(phone, [
+        guarded(PATTERN, *good, tool=f"-t {MAP}", after=REWRITE + LOOK),
         guarded(f"rm {MAP}", MISSING, BEGINS_WELL, ANEW),
-        guarded(f"cp {MAP} {MAP}.copy\nmv {MAP}.copy {MAP}", ELSEWHERE, BEGINS_WELL, ANEW),
+        guarded(COPY, ELSEWHERE, BEGINS_WELL, ANEW),
         guarded(f"truncate -s 100000 {MAP}", SIZES_DIFFER, BEGINS_WELL, ANEW),
         # A hole, and a block that the file system has not written.
         guarded(f"truncate -s {BLOCK} {MAP}\ntruncate -s {MAP_SIZE} {MAP}", NO_PLACE, BEGINS_WELL,

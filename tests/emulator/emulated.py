@@ -19,6 +19,17 @@ MAP = "/data/vendor/ramdump/ramdump.map"
 # Where the partitions begin on the disk.
 MISC_START, DATA_START = 1 << 20, 8 << 20
 
+# Shell words on the device. f2fs puts what is rewritten elsewhere, on so small a disk only when it
+# is told not to write in place; ext4 leaves it where it is.
+REWRITE = f"""
+    [ ! -e /sys/fs/f2fs/vda5 ] || echo 0 >/sys/fs/f2fs/vda5/ipu_policy
+    echo 3 >/proc/sys/vm/drop_caches
+    dd if={MAP} of={MAP} bs={BLOCK} conv=notrunc,fsync 2>/dev/null
+"""
+COPY = f"cp {MAP} {MAP}.copy\nmv {MAP}.copy {MAP}\nsync\n"
+# Has all blocks of a map that is not pinned moved: by f2fs itself, on ext4 by a copy.
+MOVE = f"{REWRITE}[ -e /sys/fs/f2fs/vda5 ] || {{ {COPY} }}\n"
+
 
 def run(*command, accept=(0,), **how):
     result = subprocess.run([str(word) for word in command], capture_output=True, text=True,
@@ -31,13 +42,6 @@ def run(*command, accept=(0,), **how):
 def device(command, folder, *arguments, accept=(0,)):
     kernel = ("--kernel", KERNEL) if command == "make" else ()
     return run(f"{REPO}/emulator/device", command, folder, *kernel, *arguments, accept=accept)
-
-
-def compile_for_device(source, program):
-    run(f"{REPO}/emulator/fetch-arm64")
-    run("clang", "--target=aarch64-linux-gnu", f"--sysroot={SYSROOT}", "-fuse-ld=lld", "-Wall",
-        "-Werror", "-o", program, source)
-    return program
 
 
 def write_text(path, text):

@@ -17,19 +17,13 @@ import tempfile
 
 from disks import (CREATE, DATA_SIZE, SERVICE, anchor_of, chain_of, device_of, dump_files,
                    load_blocks, save_blocks, start)
-from emulated import BLOCK, MAP, REPO, compile_for_device, crash, device, read_log, write_text
+from emulated import BLOCK, MAP, MOVE, crash, device, read_log, write_text
 
 # Somebody else's syncs beside the tool, so that its writes reach the disk in many small steps.
 BUSY = """sh -c '(while :; do sync; usleep 2000; done) & "$@"; s=$?; kill $!; exit $s' sh"""
 
 # The service, which starts by the guard.
 GUARD = "/vendor/bin/tarnix-guard --"
-# f2fs on so small a disk writes in place otherwise.
-MOVE = f"""
-    [ ! -e /sys/fs/f2fs/vda5/ipu_policy ] || echo 0 >/sys/fs/f2fs/vda5/ipu_policy
-    echo 3 >/proc/sys/vm/drop_caches
-    move_blocks {MAP}
-"""
 
 # One after another on one device. dump: the crash to extract, None where a chain is built. wrap: by
 # the guard, where somebody or the file system has done something to the map file, in `before`.
@@ -74,15 +68,15 @@ def all_cuts(entries, rng, torn, dropped):
         base = flush + 1
 
 
-def record(scenario, folder, busy, helper):
+def record(scenario, folder, busy):
     """One scenario's run: the disk before, and every write after."""
     if scenario.dump is not None:
         crash(folder, dump_files(scenario.dump))
     blocks = load_blocks(folder)
-    device("boot", folder, "--log-writes", f"{folder}/writes",
-           "--before", write_text(f"{folder}/before", scenario.before),
-           "--file", f"/bin/move_blocks={helper}",
-           "--wrap", f"{BUSY if busy else ''} {scenario.wrap}", "--", *scenario.arguments)
+    log = device("boot", folder, "--log-writes", f"{folder}/writes",
+                 "--before", write_text(f"{folder}/before", scenario.before), "--wrap",
+                 f"{BUSY if busy else ''} {scenario.wrap}", "--", *scenario.arguments).stderr
+    assert ("anchor and map file are gone" in log) == bool(scenario.wrap), log
     return Recording(scenario, folder, blocks, read_log(f"{folder}/writes"))
 
 
@@ -131,10 +125,9 @@ def cut_device(fs, busy, options, folder):
     """Runs the scenarios one after another on one device, and examines their states. Returns what
     was examined, a line for each."""
     device("make", folder, "--fs", fs, "--size", DATA_SIZE)
-    helper = compile_for_device(f"{REPO}/tests/device/move_blocks.c", f"{folder}/move_blocks")
     lines = []
     for scenario in SCENARIOS:
-        recording = record(scenario, folder, busy, helper)
+        recording = record(scenario, folder, busy)
         name = f"{fs}, {'busy' if busy else 'quiet'}, {scenario.name}"
         rng = random.Random(f"{options.seed} {name}")
         cuts = choose(list(all_cuts(recording.entries, rng, options.torn, options.dropped)),
