@@ -23,9 +23,6 @@ def test_what_goes_in_comes_back_exactly(tmp_path):
     assert (folder / "boot/1/log").read_bytes() == b"uid 2000, 1 argument\r\n"
     assert [run["status"] for run in runs] == [0, 134, 0]
     assert 20 << 10 <= runs[2]["rss_kib"] < 24 << 10
-    disk = (folder / "disk.img").read_bytes()
-    device("read", folder, "/data/vendor", "-o", tmp_path / "out")
-    assert disk == (folder / "disk.img").read_bytes()
 
 
 def test_trouble_is_told_from_the_tools_status(tmp_path):
