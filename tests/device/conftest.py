@@ -1,11 +1,7 @@
 """Devices on which the tool has run once, one for each file system, and the runs of a module."""
 
-import sys
-from pathlib import Path
-
 import pytest
 
-sys.path.append(str(Path(__file__).parents[1] / "emulator"))
 pytest.register_assert_rewrite("phone")  # its checks show what differs
 from emulated import BLOCK, MAP, device, run
 from phone import COUNT, MAP_SIZE, NODES, TRACED, Step, chain_of, found_device, start

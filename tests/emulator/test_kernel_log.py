@@ -4,14 +4,11 @@ The crash test has it read the log of a real crash."""
 
 import io
 import struct
-import sys
 
-import pytest
-from emulated import REPO, run, write_text
-
-sys.path.append(f"{REPO}/emulator")
 import boot_info
 import kernel_core
+import pytest
+from emulated import REPO, run, write_text
 
 RAM, SECOND_RAM = 0x40000000, 0x80000000
 LINK, ONE_PAGE, BLOCK = 3, 0x0060000000000703, 0x0060000000000701
