@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <linux/fiemap.h>
 #include <stdio.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include "chain/format/block_header.h"
@@ -13,8 +14,10 @@
 #include "chain/format/initial_block_header.h"
 #include "guard/chain_comparison.h"
 #include "guard/chain_links.h"
+#include "guard/copied_dump.h"
 #include "guard/device_blocks.h"
 #include "guard/dump_rescue.h"
+#include "guard/guarded_map.h"
 #include "tests/support/captured_log.h"
 #include "tests/support/files.h"
 #include "tests/support/platform.h"
@@ -168,6 +171,7 @@ TEST(guard, rescue) {
     } rows[] = {
         {"whole", "a", 3, 4, 4, 16, 0, true, "saved along the links: 4 blocks"},
         {"its name is none", "a/b", 3, 4, 4, 16, 0, true, "cut: the last file that was found"},
+        {"it leads out", "../../../../ro/b", 3, 4, 4, 16, 0, true, "cut: the last file that was"},
         {"longer than the chain", "a", 4, 4, 4, 16, 0, true, "cut: its last file goes on"},
         {"broken already", "a", 4, 5, 4, 16, 0, true, "cut: 4 of 5 blocks are saved, then the ch"},
         {"broken by its files", "a", 4, 5, 5, 16, 0, true, "saved, then the dump's own files took"},
@@ -176,6 +180,8 @@ TEST(guard, rescue) {
     };
     for (const auto &row : rows) {
         on_fresh_device(row.name, [&row] {
+            mount_tmpfs("/data/ro", "");
+            must(mount(nullptr, "/data/ro", nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0, "ro");
             write_file(MISC_PATH, std::string(3184, 'm') + anchor_bytes(5, 4, seed, 3));
             make_map_file(chain.size() * block_length);
             make_chain(chain);
@@ -198,6 +204,44 @@ TEST(guard, rescue) {
             EXPECT_THAT(take_log(), testing::HasSubstr(row.line));
             EXPECT_EQ(row.is_saved ? 1 : 3, read_file(MISC_PATH)[3184 + 20]);
             close_device_blocks(&device);
+        });
+    }
+}
+
+// The file was copied to the blocks 1 to 4, and the chain's third block is lost.
+TEST(guard, copied_dump) {
+    const struct {
+        const char *name;
+        uint64_t device_blocks;  // that can be read
+        int fiemap_error;
+        enum copied_dump whole, beginning;
+    } rows[] = {
+        {"readable", 16, 0, dump_is_copied, dump_is_copied},
+        {"its last block is not", 4, 0, dump_cannot_be_looked_for, dump_is_copied},
+        {"its first is not", 1, 0, dump_cannot_be_looked_for, dump_cannot_be_looked_for},
+        {"nobody tells where it is", 16, EIO, dump_cannot_be_looked_for, dump_is_copied},
+    };
+    for (const auto &row : rows) {
+        on_fresh_device(row.name, [&row] {
+            make_chain(chain);
+            write_file_at(DEVICE_PATH, 5 * block_length + sizeof(struct block_header), "F1Le");
+            const std::string disk = read_file(DEVICE_PATH);
+            for (size_t i = 0; i < chain.size(); ++i) {
+                write_file_at(DEVICE_PATH, (1 + i) * block_length,
+                              disk.substr(chain[i] * block_length, block_length));
+            }
+            write_file_at(DEVICE_PATH, 9 * block_length, "gone");
+            make_map_file(chain.size() * block_length);
+            platform.extents = {extent(0, 1, 4)};
+            platform.fibmap = {{1}};
+            platform.fiemap_error = row.fiemap_error;
+            const struct guarded_map map = {anchor_of(chain), MAP_PATH, DEVICE_PATH,
+                                            open(MAP_PATH, O_RDONLY),
+                                            open_device(row.device_blocks)};
+            struct chain_links walked = {};
+            walked.position = 2;
+            EXPECT_EQ(row.whole, find_copied_dump(&map, &walked));
+            EXPECT_EQ(row.beginning, find_dump_at_beginning(&map));
         });
     }
 }
