@@ -17,7 +17,7 @@ import tempfile
 
 from disks import (CREATE, DATA_SIZE, SERVICE, anchor_of, chain_of, device_of, dump_files,
                    load_blocks, save_blocks, start)
-from emulated import BLOCK, MAP, MOVE, crash, device, read_log, write_text
+from emulated import MAP, MOVE, crash, device, read_log, write_text
 
 # Somebody else's syncs beside the tool, so that its writes reach the disk in many small steps.
 BUSY = """sh -c '(while :; do sync; usleep 2000; done) & "$@"; s=$?; kill $!; exit $s' sh"""
@@ -44,18 +44,16 @@ Cut = collections.namedtuple("Cut", "durable kept")
 CLOSED_FILES = "files not opened to others yet"
 
 
-def all_cuts(entries, rng, torn, dropped):
-    """The cuts of a log, in its order: after each write; inside each write, at up to `torn` places;
-    and up to `dropped` subsets of the writes since each flush, all if there are no more, else drawn
-    by rng, in any order and torn at any place."""
+def all_cuts(entries, rng, dropped):
+    """The cuts of a log, in its order: after each block of each write; and up to `dropped` subsets
+    of the writes since each flush, all if there are no more, else drawn by rng, in any order and
+    torn at any place."""
     base = 0
     for flush in [i for i, entry in enumerate(entries) if entry is None] + [len(entries)]:
         whole = [(i, len(entries[i])) for i in range(base, flush)]
         yield Cut(base, ())
         for n, (i, blocks) in enumerate(whole):
-            places = range(1, blocks) if blocks <= torn else rng.sample(range(1, blocks), torn)
-            for place in [*sorted(places), blocks]:
-                yield Cut(base, (*whole[:n], (i, place)))
+            yield from (Cut(base, (*whole[:n], (i, place))) for place in range(1, blocks + 1))
         if 2 ** len(whole) <= dropped:
             for length in range(1, len(whole)):
                 yield from (Cut(base, kept) for kept in itertools.combinations(whole, length)
@@ -117,10 +115,6 @@ def start_again(recording, blocks):
     return CLOSED_FILES if "600" in phone.modes else "good"
 
 
-def choose(cuts, most, rng):
-    return [cuts[i] for i in sorted(rng.sample(range(len(cuts)), min(most, len(cuts))))]
-
-
 def cut_device(fs, busy, options, folder):
     """Runs the scenarios one after another on one device, and examines their states. Returns what
     was examined, a line for each."""
@@ -130,11 +124,10 @@ def cut_device(fs, busy, options, folder):
         recording = record(scenario, folder, busy)
         name = f"{fs}, {'busy' if busy else 'quiet'}, {scenario.name}"
         rng = random.Random(f"{options.seed} {name}")
-        cuts = choose(list(all_cuts(recording.entries, rng, options.torn, options.dropped)),
-                      options.states, rng)
-        # So that the first one with a new anchor has little else.
-        cuts.sort(key=lambda cut: (cut.durable, len(cut.kept)))
-        drawn = choose(cuts, options.boots // len(SCENARIOS), rng)
+        # In an order in which the first one with a new anchor has little else.
+        cuts = sorted(all_cuts(recording.entries, rng, options.dropped),
+                      key=lambda cut: (cut.durable, len(cut.kept)))
+        drawn = rng.sample(cuts, min(options.boots // len(SCENARIOS), len(cuts)))
         anchors, counts = {anchor_of(recording.start)}, collections.Counter()
         for cut in cuts:
             blocks = disk_after(recording, cut)
@@ -168,9 +161,6 @@ def parse(words):
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--boots", type=int, default=30,
                         help="for each device (there are 4), beside those of a new anchor")
-    parser.add_argument("--states", type=int, default=sys.maxsize,
-                        help="of each run (there are 24), at most")
-    parser.add_argument("--torn", type=int, default=BLOCK, help="places in each write, at most")
     parser.add_argument("--dropped", type=int, default=128, help="subsets of writes since a flush")
     return parser.parse_args(words)
 
