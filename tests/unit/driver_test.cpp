@@ -247,7 +247,7 @@ TEST(driver, runs_that_meet_something) {
                    "E failed to read /fstab.virt\nI   block dev: " DEVICE_PATH
                    "\nI encryptable: yes\nI   encrypted: yes\n")},
         // Wherever the file goes, the space is the data partition's.
-        {"map, all the space", "-a 1048576 /vendor/map", room(1048576), 1,
+        {"map, all the space", "-a 1048576 -p /vendor/map", room(1048576), 1,
          EndsWith("I Creating reserved area 1048576 bytes\nI 0/16\nI 16/16\n"
                   "E start to clear init header!!\nP persist.vendor.tarnix.map=invalid\n"
                   "E clear init header ok!!\nE failed to find block device for /vendor/map"

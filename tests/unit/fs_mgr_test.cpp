@@ -62,6 +62,9 @@ TEST(fs_mgr_fstab, columns) {
         {"rootcontext=u:r:t,record,binder,,privateer,Ro avb=vbmeta",
          "45001 2000000 'Ro'" + no_values, ""},
         {"defaults,x check,slotselected_not,verifyatboot=/x", "0 88002 'x'" + no_values, ""},
+        {"noexec,nodiratime,remount,unbindable,slave,shared nonremovable,recoveryonly,noemulatedsd,"
+         "notrim,formattable,nofail,latemount,quota,wrappedkey",
+         "1a0828 10465848 -" + no_values, ""},
         {"ro forceencrypt=/a", "1 400 - '/a' - - - - 1024 0 -1 -1 0 0 0 0 0 0 0", ""},
         {"rw encryptable=/a", "0 4 - '/a' - - - - 4 0 -1 -1 0 0 0 0 0 0 0", ""},
         // 1023 characters of unknown options are kept: with the last comma, or with one more
