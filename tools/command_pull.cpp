@@ -65,7 +65,9 @@ static bool open_existing(struct pull_state *state) {
     struct stat status = {};
     const int fd = openat(state->directory, current->name.c_str(),
                           O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0 && errno == ENOENT) {
+    // One that may not be opened is there all the same.
+    if (fd < 0 &&
+        faccessat(state->directory, current->name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) {
         return false;
     }
     state->there.reset(fd < 0 ? nullptr : fdopen(fd, "rb"));
