@@ -56,7 +56,7 @@ DAMAGES = {
     "first block 0": lambda i: i.set_anchor(first=0),
     "first block outside": lambda i: i.set_anchor(first=2048),
     "block magic behind the dump": lambda i: i.poke(300, b"gone"),
-    "stored crc": lambda i: i.poke(105, bytes(4), 8),
+    "stored crcs": lambda i: (i.poke(105, bytes(4), 8), i.poke(110, bytes(4), 8)),
     "link outside": lambda i: i.set_link(5, 2048),
     "ends early": lambda i: i.set_link(5, 0),
     "count too small": lambda i: i.set_anchor(n=50, flags=3),
